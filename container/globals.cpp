@@ -1,0 +1,7 @@
+#include "kystore/storage.h"
+
+// Settings read at the moment of use; applications may change them before
+// they create or open storages.
+int kyStorage::g_bUse64BitOffsets = 1;
+int64_t kyStorage::g_iMaxTolvarSize = 4294967296LL;
+int64_t kyStorage::g_iMaxCompStmSize = 1073741824LL;

@@ -1,0 +1,39 @@
+// The name map of the root streams: built from the root directory chain
+// when a storage is opened or created, then kept up to date by this
+// object's own creations and removals.
+
+#include "container/directory.h"
+#include "kystore/storage.h"
+
+bool kyStorage::InitStreamMap() {
+  const bool b64 = m_bUse64BitOffsets != 0;
+  // A chain can hold no more blocks than the file; a longer walk is a loop.
+  const int64_t maxBlocks = MaxDirectoryBlocks();
+  int64_t blockOffset = m_rootOffset;
+  for (int64_t visited = 0; visited < maxBlocks; ++visited) {
+    DirectoryBlock block;
+    if (!ReadDirectoryBlock(blockOffset, block) || block.SlotCount() != kSlotsPerBlock)
+      return false;
+    for (int64_t i = 0; i < kSlotsPerBlock; ++i) {
+      t_kyStreamU slot;
+      CopyDirectorySlot(block, i, b64, slot);
+      if (slot.Magic() != kStreamHeaderMagic || slot.IsFree()) continue;
+      tag_kyStreamOffset where = {SlotOffset(blockOffset, i, b64), blockOffset, block.SlotCount(),
+                                  static_cast<DWORD>(slot.Duration()) * 60u};
+      m_streamMap.SetAt(SlotName(slot), where);
+    }
+    blockOffset = block.NextBlock(b64);
+    if (blockOffset == 0) return true;
+  }
+  return false;
+}
+
+bool kyStorage::FindStreamOffset(const char* name, tag_kyStreamOffset& offset) {
+  if (name == nullptr) return false;
+  return m_streamMap.Lookup(name, offset);
+}
+
+bool kyStorage::RemoveStream(const char* name) {
+  if (name == nullptr) return false;
+  return m_streamMap.RemoveKey(name);
+}

@@ -1,0 +1,14 @@
+// kystore: a tree of named byte streams inside one ordinary file.
+//
+// This umbrella header declares the whole exported interface.
+#ifndef KYSTORE_H_
+#define KYSTORE_H_
+
+#include "kystore/format.h"
+#include "kystore/map_sort.h"
+#include "kystore/open_stream.h"
+#include "kystore/recorder.h"
+#include "kystore/storage.h"
+#include "kystore/stream.h"
+
+#endif  // KYSTORE_H_

@@ -1,0 +1,237 @@
+// kyStorage: one open storage file.
+//
+// A storage keeps a tree of named byte streams inside one ordinary file.
+// Applications get a kyStorage only from the static factories (Create, Open,
+// OpenFast, OpenOrCreate) and give it back with Release, which destroys it at
+// once.  Every stream handed out by a storage is owned by the caller and is
+// given back with kyStream::Release before the storage itself is released.
+//
+// Failures are reported by results only: null pointers, false, 0 or -1.
+// Nothing is thrown.  A storage and its streams are used by one thread at a
+// time.
+#ifndef KYSTORE_STORAGE_H_
+#define KYSTORE_STORAGE_H_
+
+#include <cstdint>
+
+#include "kystore/format.h"
+#include "kystore/map_sort.h"
+#include "kystore/open_stream.h"
+#include "platform/collections.h"
+#include "platform/cstring.h"
+#include "platform/win_types.h"
+
+class kyStream;
+class CCompRecorder;
+
+typedef CMapSort<CString, const char*, tag_kyStreamOffset, tag_kyStreamOffset> t_kyStreamMap;
+
+// State of a sorted walk over the root streams that opens nothing
+// (kyStorage::IterateSortedStreamsNoOPENS).  Owned by the caller.
+class CIterateSortedStreams {
+ public:
+  int bFirst = 1;                            // set before the first call; the first call clears it
+  DWORD dwFixedDuration = 0;                 // nonzero: the duration reported for every stream
+  int iOrder = 0;                            // 0 ascending, nonzero descending
+  DWORD dwLastDuration = 0;                  // last duration worked out from names
+  int iPos = 0;                              // next index into the sorted view, -1 at the end
+  CString strName;                           // out: name of the current root stream
+  tag_kyStreamOffset offset = {0, 0, 0, 0};  // out: its locator and duration
+};
+
+class kyStorage {
+ public:
+  // --- factories ---------------------------------------------------------
+
+  // Makes a new, empty storage at `path` (an existing file is emptied) and
+  // opens it for reading and writing.  New files take their offset width
+  // from g_bUse64BitOffsets.  `blockSize` is the data capacity of every new
+  // data block.  Null on failure; a file made by a failed Create is removed.
+  static kyStorage* Create(const char* path, DWORD mode, DWORD blockSize);
+
+  // Opens an existing storage and maps its root streams.  With
+  // `bLoadIntoMemory` nonzero and no write bit (0x04) in `mode`, the whole
+  // file is read into memory and the file is closed; all reads are then
+  // served from memory and every write fails.  Null when the file is missing,
+  // is not a storage, or its root directory is damaged; the file is never
+  // changed by a failed Open.
+  static kyStorage* Open(const char* path, DWORD mode, DWORD blockSize, int bLoadIntoMemory);
+
+  // Opens an existing storage without mapping its root streams (only the
+  // fast-slot operations and streams created through this object see names).
+  static kyStorage* OpenFast(const char* path, DWORD mode, DWORD blockSize);
+
+  // Open, or Create when no file exists at `path`.  An existing file that
+  // does not open as a storage is left as it is and null is returned: this
+  // never replaces a file that holds something else.
+  static kyStorage* OpenOrCreate(const char* path, DWORD mode, DWORD blockSize);
+
+  // Closes the file and destroys the storage.  Streams of the storage must be
+  // released first.
+  void Release();
+
+  // The path given to the factory, byte for byte.
+  const char* GetPath() const { return m_szPath; }
+
+  // --- root stream map ---------------------------------------------------
+
+  // Takes `name` out of the name map; the file is not touched.  False when
+  // the name was not mapped.
+  bool RemoveStream(const char* name);
+
+  // --- opening and iterating root streams --------------------------------
+  // Every stream returned is a new object owned by the caller.
+
+  // Opens the root stream `name` found in the name map.  Null when it is not
+  // there, the open-stream registry refuses `mode`, or its header is damaged.
+  kyStream* OpenStream(const char* name, DWORD mode);
+  // Opens `name` by looking only at the fast slots on disk (works on a
+  // storage opened with OpenFast).  An empty name matches nothing.
+  kyStream* OpenStreamFast(const char* name, DWORD mode);
+  // Opens the stream whose header `offset` locates, registered as `name`.
+  kyStream* OpenStreamByOffset(tag_kyStreamOffset& offset, const char* name, DWORD mode);
+
+  // Walks the name map, in hash order or, after EnableSorting(1, order), in
+  // name order.  The cursor is advanced before the stream is opened, so null
+  // means either the end or a refused open.  The map must not change during
+  // a walk.
+  kyStream* OpenStreamFirst(void*& cursor, DWORD mode);
+  kyStream* OpenStreamNext(void*& cursor, DWORD mode);
+
+  // Opens the stream in the first ordinary slot of the first directory
+  // block, whatever it holds; continue with kyStream::GoNext.
+  kyStream* OpenStreamFirst(DWORD mode);
+
+  // Walks the root streams in directory order over a snapshot of the names
+  // on disk taken by OpenStreamFirst2.
+  kyStream* OpenStreamFirst2(int& cursor, DWORD mode);
+  kyStream* OpenStreamNext2(int& cursor, DWORD mode);
+
+  // The first root data stream (not a folder) named `name`, or the first of
+  // any name when `name` is empty; opened with mode 0x12.
+  kyStream* FindRootStream(const char* name);
+  // The same for folders (0x12), and for folders opened with 0x16.
+  kyStream* FindRootStorage(const char* name);
+  kyStream* FindRootStorageWrite(const char* name);
+
+  // Number of child slots of the root folder `name`, read from its data; 0
+  // when it cannot be opened.
+  DWORD GetSubfolderCount(const char* name);
+
+  // --- creating root streams ---------------------------------------------
+  // `dwType`: low byte nonzero makes a folder; the high word is the duration
+  // in minutes.  Names are 1 to 60 characters; a null or empty name, a name
+  // already mapped, a read-only or in-memory storage, or a full fast area
+  // gives null and changes nothing.
+
+  kyStream* CreateStream(const char* name, DWORD dwType, DWORD mode);
+  kyStream* CreateStream(const char* name, DWORD mode);
+  kyStream* CreateStreamFast(const char* name, DWORD dwType, DWORD mode);
+  kyStream* CreateStreamFast(const char* name, DWORD mode);
+
+  // OpenStream(name, 0x16), else CreateStream(name, bFolder, 0x16).
+  kyStream* OpenOrCreateStream(const char* name, int bFolder);
+  // OpenStreamFast(name, 0x16), else CreateStreamFast(name, 0x16); with
+  // `bSeekToEnd` the stream stands at the end of its data.  Recorded when the
+  // storage records.
+  kyStream* OpenOrCreateStreamFast(const char* name, int bSeekToEnd);
+
+  // --- sorting -----------------------------------------------------------
+
+  // `bSort` nonzero makes OpenStreamFirst/OpenStreamNext follow name order
+  // (`iOrder` 0 ascending, nonzero descending).  Takes effect at the next
+  // OpenStreamFirst.
+  void EnableSorting(int bSort, int iOrder) {
+    m_bSortStreams = bSort;
+    m_iSortOrder = iOrder;
+  }
+
+  // One step of a name-ordered walk over the root streams that opens
+  // nothing: fills it->strName and it->offset (with a duration in seconds in
+  // offset.dwDuration) and returns 1, or returns 0 at the end.
+  int IterateSortedStreamsNoOPENS(CIterateSortedStreams* it);
+
+  // --- recording ---------------------------------------------------------
+
+  // Starts recording into a new recorder (1), or goes on with the current
+  // one (1); 0 when it cannot be allocated.
+  int StartRecording();
+  // Stops recording and hands the recorder to the caller, who deletes it.
+  // A recording that was stopped or left streams entered comes back empty.
+  // Null when the storage was not recording.
+  CCompRecorder* StopRecording();
+
+  // --- settings read at the moment of use --------------------------------
+
+  static int g_bUse64BitOffsets;     // width of new files: nonzero 64-bit, 0 32-bit
+  static int64_t g_iMaxTolvarSize;   // largest file with 64-bit offsets
+  static int64_t g_iMaxCompStmSize;  // largest data position a write reaches
+
+ private:
+  friend class kyStream;
+  friend class kyTestAccess;
+
+  kyStorage(const char* path, HANDLE hFile, DWORD mode, int bLoadIntoMemory);
+  ~kyStorage();
+  kyStorage(const kyStorage&) = delete;
+  kyStorage& operator=(const kyStorage&) = delete;
+
+  static kyStorage* ReadStorageHeader(HANDLE hFile, const char* path, DWORD mode, DWORD blockSize,
+                                      int bLoadIntoMemory);
+  static void FlagsToAttributes(DWORD mode, DWORD& access, DWORD& share);
+  void LoadIntoMemory();
+
+  // Positioned I/O on the file or on the in-memory image.
+  int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
+  BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
+  bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+
+  // Whether there is anything to read from: an open handle or an image.
+  bool CanRead() const;
+  // Current size of the file (or the image); -1 when it cannot be found.
+  int64_t CurrentFileSize();
+  // Largest size the file may reach: g_iMaxTolvarSize or 4294967295.
+  int64_t FileSizeLimit() const;
+  // Reads and checks the directory block at `offset` (magic required).
+  bool ReadDirectoryBlock(int64_t offset, DirectoryBlock& block);
+  // How many directory blocks the file can hold; bounds every chain walk.
+  int64_t MaxDirectoryBlocks();
+
+  // Root stream map.
+  bool InitStreamMap();
+  bool FindStreamOffset(const char* name, tag_kyStreamOffset& offset);
+
+  // Open-stream registry of the root streams.
+  t_OpenStream* IsStreamOpen(const char* name);
+  t_OpenStream* AddNewOpenStream(const char* name, DWORD mode);
+  int CloseStream(const char* name);
+
+  // Root stream creation.
+  kyStream* CreateStreamHelper(const char* name, DWORD dwType, DWORD mode, bool bFast,
+                               bool bOpenFirst);
+  bool NameOnDisk(const char* name);
+  int64_t AppendDirectoryBlock(int64_t lastBlock);
+
+  int64_t m_memPos;
+  int m_bSortStreams;
+  int m_iSortOrder;
+  DWORD m_dwBlockSize;
+  char m_szPath[MAX_PATH];
+  BYTE m_bOpenedFast;
+  WORD m_wSlotsPerBlock;
+  WORD m_wFastSlots;
+  int64_t m_rootOffset;
+  int64_t m_lastAppended;
+  t_OpenStreamList m_openStreams;
+  CStringArray m_streamNames;
+  t_kyStreamMap m_streamMap;
+  int m_bUse64BitOffsets;
+  CCompRecorder* m_pRecorder;
+  HANDLE m_hFile;
+  BOOL m_bInMemory;
+  BYTE* m_pImage;
+  int64_t m_imageSize;
+  int m_iFormat;
+};
+
+#endif  // KYSTORE_STORAGE_H_

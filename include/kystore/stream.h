@@ -1,0 +1,225 @@
+// kyStream: one open stream or folder of a storage.
+//
+// A stream's data live in a chain of data blocks in the storage file; a
+// folder's data are a table of its children's headers.  Every stream object
+// is owned by the caller that opened or created it and is given back with
+// Release; children are released before their parents, and every stream
+// before its storage.
+//
+// All streams of a storage read and write through the storage's one file
+// handle and so share one file position.  A stream assumes the position is
+// where it left it: a caller that switches between streams of one storage
+// repositions with an absolute Seek (origin 0 or 1) before the next Read or
+// Write.  With a storage loaded into memory each stream keeps its own
+// position and streams do not disturb each other.
+#ifndef KYSTORE_STREAM_H_
+#define KYSTORE_STREAM_H_
+
+#include <cstdint>
+
+#include "kystore/format.h"
+#include "kystore/map_sort.h"
+#include "kystore/open_stream.h"
+#include "platform/collections.h"
+#include "platform/cstring.h"
+#include "platform/win_types.h"
+
+class kyStorage;
+
+typedef CMapSort<CString, const char*, t_kyStreamWithOffset, t_kyStreamWithOffset> t_kyChildMap;
+
+class kyStream {
+ public:
+  // --- data ----------------------------------------------------------------
+
+  // Reads up to `count` bytes at the cursor.  Returns the bytes read (fewer
+  // at the end of the data, 0 at the end or for a stream without blocks), or
+  // -1 when a block cannot be read or is damaged.
+  virtual int64_t Read(void* buf, int64_t count);
+
+  // Writes `count` bytes at the cursor, growing the stream as needed.  With
+  // `bEraseOld` the stream ends where the write ends.  When `pFileOffset` is
+  // given it receives the file offset of the first byte written.  Returns the
+  // bytes written (fewer when a size limit is reached), 0 for a storage held
+  // in memory or count <= 0, -1 on a write failure.
+  virtual int64_t Write(const void* buf, int64_t count, bool bEraseOld = false,
+                        int64_t* pFileOffset = nullptr);
+
+  virtual ~kyStream();
+
+  // Moves the cursor.  origin 0: `distance` from the start; 1: back from the
+  // end; 2: from the cursor, forward when `bForward`.  Returns 0, or -1 when
+  // the target is beyond the data, a block is damaged, the origin is unknown
+  // or the distance negative; the cursor then stays where it was.
+  int64_t Seek(int64_t distance, unsigned char origin, bool bForward = true);
+  // The file-class convention: `from` 0 begin (negative: back from the end),
+  // 1 current; anything else goes to the start.
+  int64_t Seek2(int64_t offset, UINT from);
+
+  // Lowers the recorded length (never raises it); needs the write bit.
+  bool SetLength(int64_t newLength);
+  // Sets the length to 0; the blocks stay and are written over next time.
+  bool Erase();
+  // Marks the stream as size-prefixed and writes `size` as 4 bytes at the
+  // cursor, ending the stream there.
+  BOOL PrependSize(DWORD size);
+  // For a size-prefixed stream read from its start: reads the prefix,
+  // sets `len` to the data length after it and returns whether they agree.
+  BOOL GetVerifiedDataLength(int64_t& len);
+  // Copies the data from the cursor into a new global-memory buffer owned
+  // by the caller (release with FreeBuffer).  Returns the bytes copied, 0
+  // with `buf` null on failure.
+  DWORD CopyStreamToBuffer(BYTE*& buf, BOOL bSkipPrefix);
+  void FreeBuffer(BYTE*& buf);
+
+  // --- accessors (no file access) -----------------------------------------
+
+  kyStream* GetParentStm() const { return m_pParent; }
+  BOOL IsFolder() const { return m_hdr.Flags() == kFolderFlag ? 1 : 0; }
+  WORD GetDuration() const { return m_hdr.Duration(); }
+  const char* GetName() const { return m_hdr.Name(); }
+  int64_t GetCurDataPos() const { return m_iDataPos; }
+  DWORD GetNumChildren() const { return m_nChildren; }
+  int64_t GetLength() const { return m_hdr.Length(m_b64BitOffsets != 0); }
+  // Lists this stream's ancestors below `pAncestor`, nearest first, in
+  // apChain.  Returns their number, 0 when `pAncestor` is not an ancestor,
+  // or -1 when more than nMax would be needed.
+  int GetChildrenOf(kyStream* pAncestor, kyStream** apChain, int nMax);
+
+  // Gives the object back: closes its registry record and destroys it.
+  // Returns the open count of its name before this release, -1 when no
+  // record had its name, 0 for a stream without a name.
+  int Release();
+
+  // Sorting of the preloaded-children walk (same switches as the storage's).
+  void EnableSorting(int bSort, int iOrder) {
+    m_bSortStreams = bSort;
+    m_iSortOrder = iOrder;
+  }
+
+  // Registry record of the open child `name`, or null.
+  t_OpenStream* IsStreamOpen(const char* name);
+
+  // --- folders --------------------------------------------------------------
+
+  // Writes a header slot for `name` into this folder's data (reusing a free
+  // slot when bReuseFreeSlot), filling `header` and `offset`.  Does not write
+  // the child count.
+  bool AddStreamHeader(const char* name, DWORD dwType, t_kyStreamU& header,
+                       tag_kyStreamOffset& offset, int bReuseFreeSlot);
+  // Creates the child `name` and opens it with `dwMode`.  Null when this is
+  // not a folder, the name is null, empty or exists (when looked up), or a
+  // write fails.
+  kyStream* CreateStream(const char* name, DWORD dwType, DWORD dwMode, int bCheckExisting);
+  kyStream* OpenOrCreateStream(const char* name, int type);
+  kyStream* OpenOrCreateStream(const char* name, DWORD dwType, DWORD dwMode);
+
+  // Finds the child `name` (exact bytes); fills its header and locator.
+  bool FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOffset& offset);
+  kyStream* OpenStream(const char* name, DWORD dwMode);
+  // Walks the used child slots in slot order; *pCursor holds the data
+  // position past the last slot examined.  Null at the end, on damage, or
+  // when this stream is not a folder.
+  kyStream* OpenStreamFirst(int64_t* pCursor, DWORD dwMode);
+  kyStream* OpenStreamNext(int64_t* pCursor, DWORD dwMode);
+  // Appends the names of the children to `names`, in slot order.
+  void EnumStreams(CStringArray& names);
+  // Moves this root stream object to the next used slot of the root
+  // directory.  False at the end; the object is then unchanged.
+  bool GoNext();
+
+  // --- preloaded children ---------------------------------------------------
+
+  void PreloadChildren();
+  kyStream* OpenPreloadChildrenFirst(void** cursor, DWORD dwMode);
+  kyStream* OpenPreloadChildrenNext(void** cursor, DWORD dwMode);
+  int GetPreloadChildrenOffsetFirst(void** cursor, DWORD unused, t_kyStreamWithOffset& value,
+                                    CString& name);
+  int GetPreloadChildrenOffsetNext(void** cursor, DWORD unused, t_kyStreamWithOffset& value,
+                                   CString& name);
+  kyStream* OpenPreloadChildrenByOffset(t_kyStreamU& header, tag_kyStreamOffset& offset,
+                                        const char* name, DWORD dwMode);
+
+  // --- remove, rename, copy -------------------------------------------------
+
+  // Removes this stream and everything below it and destroys the object on
+  // success.  Refused (false, nothing changed) without the write bit or while
+  // another object of this stream or of anything below it is open.
+  bool Remove();
+  void ClearFolder();
+  // Renames the stream (1 to 60 characters kept).  False without the write
+  // bit, for an empty name, or when the header cannot be written.
+  bool Rename(const char* newName);
+  bool CopyStream(kyStream* dst);
+  // Copies this folder's children into `dst`, merging.  Refused when `dst`
+  // is this folder or lies below it.
+  bool CopyFolder(kyStream* dst);
+
+ protected:
+  kyStream();
+
+  // Low-level transfers through the storage's handle, or on the storage's
+  // in-memory image with this stream's own position.
+  BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
+  int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
+
+  HANDLE m_hFile;
+  kyStorage* m_pStorage;
+  kyStream* m_pParent;
+  t_kyStreamU m_hdr;
+  DataBlock m_blockHdr;
+  tag_kyStreamOffset m_offset;
+  DWORD m_dwOpenMode;
+  int64_t m_memPos;
+  int m_bSortStreams;
+  int m_iSortOrder;
+  int64_t m_iCurBlock;
+  int64_t m_iBlockPos;
+  int64_t m_iDataPos;
+  t_kyChildMap* m_pPreloadMap;
+  DWORD m_nChildren;
+  t_OpenStreamList m_openChildren;
+  BOOL m_b64BitOffsets;
+
+ private:
+  friend class kyStorage;
+  friend class kyTestAccess;
+
+  kyStream(kyStorage* storage, t_kyStreamU& header, void* hFile, tag_kyStreamOffset& offset);
+  kyStream(kyStream* parent, t_kyStreamU& header, void* hFile, tag_kyStreamOffset& offset);
+  kyStream(const kyStream&) = delete;
+  kyStream& operator=(const kyStream&) = delete;
+
+  bool W64() const { return m_b64BitOffsets != 0; }
+  int64_t BlockHeaderSize() const { return DataBlockHeaderSize(W64()); }
+  int64_t HeaderWidth() const { return StreamHeaderSize(W64()); }
+  bool StorageInMemory() const;
+
+  // Data block chain.
+  int64_t AllocateFirstBlock();
+  int64_t AllocateNextBlock(int64_t prevBlock);
+  int64_t NewBlockCapacity() const;
+  bool LoadBlock(int64_t block);
+  // Bounds every walk along a chain: true while `hops` stays within what
+  // the file can hold.
+  bool ChainHopAllowed(int64_t& hops, int64_t& limit);
+
+  int64_t SeekRight(int64_t distance, bool bFromStart);
+  int64_t SeekLeft(int64_t distance, bool bFromEnd);
+  bool WriteHeaderBack();
+  bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+
+  // Registry of open children.
+  t_OpenStream* AddNewOpenStream(const char* name, DWORD mode);
+  int CloseStream(const char* name);
+  kyStream* OpenStreamByOffset(t_kyStreamU& header, tag_kyStreamOffset& offset, const char* name,
+                               DWORD dwMode);
+
+  // Folder helpers.
+  bool ReadChildCount();
+  int64_t SlotOffsetAtCursor();
+  int64_t SlotOffsetJustRead();
+  bool IsOpenBelow();
+};
+
+#endif  // KYSTORE_STREAM_H_

@@ -1,0 +1,192 @@
+#include "win_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// What a HANDLE points at.  The position lives here, not in the descriptor,
+// so that transfers can use pread/pwrite and never need a separate lseek.
+struct FileHandle {
+  int fd;
+  bool writable;
+  int64_t position;
+};
+
+FileHandle* AsFile(HANDLE h) {
+  if (h == nullptr || h == INVALID_HANDLE_VALUE) return nullptr;
+  return static_cast<FileHandle*>(h);
+}
+
+bool PathTooLong(LPCSTR name) {
+  return name == nullptr || strnlen(name, MAX_PATH) >= MAX_PATH;
+}
+
+int OpenFlags(DWORD access, DWORD disposition) {
+  int flags = (access & GENERIC_WRITE) ? O_RDWR : O_RDONLY;
+  switch (disposition) {
+    case CREATE_NEW:
+      return flags | O_CREAT | O_EXCL;
+    case CREATE_ALWAYS:
+      return flags | O_CREAT | O_TRUNC;
+    case OPEN_EXISTING:
+      return flags;
+    case OPEN_ALWAYS:
+      return flags | O_CREAT;
+    case TRUNCATE_EXISTING:
+      // Truncation needs write access, as on Windows.
+      return (access & GENERIC_WRITE) ? (flags | O_TRUNC) : -1;
+    default:
+      return -1;
+  }
+}
+
+}  // namespace
+
+HANDLE CreateFileA(LPCSTR fileName, DWORD access, DWORD /*shareMode*/, void* /*security*/,
+                   DWORD disposition, DWORD /*flags*/, HANDLE /*templateFile*/) {
+  if (PathTooLong(fileName) || fileName[0] == '\0') return INVALID_HANDLE_VALUE;
+  int flags = OpenFlags(access, disposition);
+  if (flags < 0) return INVALID_HANDLE_VALUE;
+  // A directory is never a file here; refuse it before anything is created
+  // or truncated.
+  struct stat st;
+  if (stat(fileName, &st) == 0 && !S_ISREG(st.st_mode)) return INVALID_HANDLE_VALUE;
+  int fd = open(fileName, flags | O_CLOEXEC, 0666);
+  if (fd < 0) return INVALID_HANDLE_VALUE;
+  FileHandle* h = new FileHandle{fd, (access & GENERIC_WRITE) != 0, 0};
+  return h;
+}
+
+BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* /*overlapped*/) {
+  FileHandle* h = AsFile(file);
+  if (read) *read = 0;
+  if (h == nullptr || (buffer == nullptr && toRead != 0)) return FALSE;
+  DWORD done = 0;
+  while (done < toRead) {
+    ssize_t n = pread(h->fd, static_cast<char*>(buffer) + done, toRead - done, h->position);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return FALSE;
+    }
+    if (n == 0) break;  // end of file
+    done += static_cast<DWORD>(n);
+    h->position += n;
+  }
+  if (read) *read = done;
+  return TRUE;
+}
+
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
+               OVERLAPPED* /*overlapped*/) {
+  FileHandle* h = AsFile(file);
+  if (written) *written = 0;
+  if (h == nullptr || !h->writable || (buffer == nullptr && toWrite != 0)) return FALSE;
+  DWORD done = 0;
+  while (done < toWrite) {
+    ssize_t n = pwrite(h->fd, static_cast<const char*>(buffer) + done, toWrite - done, h->position);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (written) *written = done;
+      return FALSE;
+    }
+    done += static_cast<DWORD>(n);
+    h->position += n;
+  }
+  if (written) *written = done;
+  return TRUE;
+}
+
+BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition,
+                      DWORD moveMethod) {
+  FileHandle* h = AsFile(file);
+  if (h == nullptr) return FALSE;
+  int64_t base;
+  switch (moveMethod) {
+    case FILE_BEGIN:
+      base = 0;
+      break;
+    case FILE_CURRENT:
+      base = h->position;
+      break;
+    case FILE_END: {
+      struct stat st;
+      if (fstat(h->fd, &st) != 0) return FALSE;
+      base = st.st_size;
+      break;
+    }
+    default:
+      return FALSE;
+  }
+  int64_t target;
+  if (__builtin_add_overflow(base, distance.QuadPart, &target) || target < 0) return FALSE;
+  h->position = target;
+  if (newPosition) newPosition->QuadPart = target;
+  return TRUE;
+}
+
+BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
+  FileHandle* h = AsFile(file);
+  struct stat st;
+  if (h == nullptr || size == nullptr || fstat(h->fd, &st) != 0) return FALSE;
+  size->QuadPart = st.st_size;
+  return TRUE;
+}
+
+BOOL CloseHandle(HANDLE file) {
+  FileHandle* h = AsFile(file);
+  if (h == nullptr) return FALSE;
+  int rc = close(h->fd);
+  delete h;
+  return rc == 0 ? TRUE : FALSE;
+}
+
+BOOL CopyFileA(LPCSTR existingFile, LPCSTR newFile, BOOL failIfExists) {
+  HANDLE src = CreateFileA(existingFile, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (src == INVALID_HANDLE_VALUE) return FALSE;
+  HANDLE dst =
+      CreateFileA(newFile, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                  failIfExists ? CREATE_NEW : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (dst == INVALID_HANDLE_VALUE) {
+    CloseHandle(src);
+    return FALSE;
+  }
+  static const DWORD kChunk = 1u << 20;
+  char* buf = new char[kChunk];
+  BOOL ok = TRUE;
+  for (;;) {
+    DWORD got = 0, put = 0;
+    if (!ReadFile(src, buf, kChunk, &got, nullptr)) {
+      ok = FALSE;
+      break;
+    }
+    if (got == 0) break;
+    if (!WriteFile(dst, buf, got, &put, nullptr) || put != got) {
+      ok = FALSE;
+      break;
+    }
+  }
+  delete[] buf;
+  CloseHandle(src);
+  if (!CloseHandle(dst)) ok = FALSE;
+  return ok;
+}
+
+BOOL DeleteFileA(LPCSTR fileName) {
+  if (PathTooLong(fileName)) return FALSE;
+  return unlink(fileName) == 0 ? TRUE : FALSE;
+}
+
+DWORD GetFileAttributesA(LPCSTR fileName) {
+  struct stat st;
+  if (PathTooLong(fileName) || stat(fileName, &st) != 0) return INVALID_FILE_ATTRIBUTES;
+  return S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+}
+
+int _unlink(const char* fileName) {
+  return fileName ? unlink(fileName) : -1;
+}

@@ -1,0 +1,68 @@
+// Handle-based file calls in the shape of the Win32 ones, over POSIX.
+//
+// A HANDLE is an object that owns a descriptor and one file position.  Every
+// read and write goes through that position (pread/pwrite at it, then it
+// advances), so everything that uses one handle shares one position, as a
+// Win32 file handle does, and a positioned transfer costs one system call.
+#ifndef KYSTORE_PLATFORM_WIN_FILE_H_
+#define KYSTORE_PLATFORM_WIN_FILE_H_
+
+#include "win_types.h"
+
+#define GENERIC_READ 0x80000000u
+#define GENERIC_WRITE 0x40000000u
+
+#define FILE_SHARE_READ 0x00000001u
+#define FILE_SHARE_WRITE 0x00000002u
+
+#define CREATE_NEW 1u
+#define CREATE_ALWAYS 2u
+#define OPEN_EXISTING 3u
+#define OPEN_ALWAYS 4u
+#define TRUNCATE_EXISTING 5u
+
+#define FILE_ATTRIBUTE_DIRECTORY 0x00000010u
+#define FILE_ATTRIBUTE_NORMAL 0x00000080u
+#define FILE_FLAG_RANDOM_ACCESS 0x10000000u
+#define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFu
+
+#define FILE_BEGIN 0u
+#define FILE_CURRENT 1u
+#define FILE_END 2u
+
+// Opens or creates a regular file.  Returns INVALID_HANDLE_VALUE on failure:
+// a missing file for OPEN_EXISTING/TRUNCATE_EXISTING, a directory, a path of
+// MAX_PATH characters or more, or a POSIX error.  Share modes, security
+// attributes, flags and templates are accepted and ignored.
+HANDLE CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, void* securityAttributes,
+                   DWORD disposition, DWORD flags, HANDLE templateFile);
+
+// Reads up to `toRead` bytes at the handle's position and advances it by the
+// count read.  Returns TRUE also when the end of the file cuts the read short
+// (then *read < toRead), FALSE on an error or a handle without read access.
+BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* overlapped);
+
+// Writes `toWrite` bytes at the handle's position and advances it.  FALSE on
+// an error or a handle opened without GENERIC_WRITE.
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
+               OVERLAPPED* overlapped);
+
+// Moves the handle's position.  A resulting negative position is refused
+// (FALSE, position unchanged); positions past the end of the file are allowed.
+BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition,
+                      DWORD moveMethod);
+
+BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
+BOOL CloseHandle(HANDLE file);
+
+// Copies a regular file; with failIfExists the target must not exist.
+BOOL CopyFileA(LPCSTR existingFile, LPCSTR newFile, BOOL failIfExists);
+BOOL DeleteFileA(LPCSTR fileName);
+
+// FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_NORMAL, or INVALID_FILE_ATTRIBUTES
+// when nothing exists at the path.
+DWORD GetFileAttributesA(LPCSTR fileName);
+
+int _unlink(const char* fileName);
+
+#endif  // KYSTORE_PLATFORM_WIN_FILE_H_

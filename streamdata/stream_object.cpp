@@ -1,0 +1,145 @@
+// The stream object: construction, accessors, header write-back and the
+// low-level transfers every block operation goes through.
+
+#include <cstring>
+
+#include "kystore/storage.h"
+#include "kystore/stream.h"
+#include "platform/win_file.h"
+
+kyStream::kyStream()
+    : m_hFile(INVALID_HANDLE_VALUE),
+      m_pStorage(nullptr),
+      m_pParent(nullptr),
+      m_hdr(),
+      m_blockHdr(),
+      m_offset(),
+      m_dwOpenMode(0),
+      m_memPos(0),
+      m_bSortStreams(0),
+      m_iSortOrder(0),
+      m_iCurBlock(0),
+      m_iBlockPos(0),
+      m_iDataPos(0),
+      m_pPreloadMap(nullptr),
+      m_nChildren(0),
+      m_openChildren(10),
+      m_b64BitOffsets(0) {}
+
+kyStream::kyStream(kyStorage* storage, t_kyStreamU& header, void* hFile, tag_kyStreamOffset& offset)
+    : kyStream() {
+  m_hFile = hFile;
+  m_pStorage = storage;
+  m_b64BitOffsets = storage ? storage->m_bUse64BitOffsets : 0;
+  m_hdr = header;
+  m_offset = {offset.headerOffset, offset.blockOffset, offset.dwBlockSlots, 0};
+  // A name that fills its whole field on disk is cut at the longest legal
+  // length, so that GetName always returns a terminated string.
+  m_hdr.Name()[kMaxNameLength] = '\0';
+  m_iCurBlock = m_hdr.FirstBlock(W64());
+}
+
+kyStream::kyStream(kyStream* parent, t_kyStreamU& header, void* hFile, tag_kyStreamOffset& offset)
+    : kyStream() {
+  m_hFile = hFile;
+  m_pParent = parent;
+  m_pStorage = parent->m_pStorage;
+  m_b64BitOffsets = parent->m_b64BitOffsets;
+  memcpy(&m_hdr, &header, static_cast<size_t>(HeaderWidth()));
+  m_offset = {offset.headerOffset, 0, 0, 0};
+  m_hdr.Name()[kMaxNameLength] = '\0';
+  m_iCurBlock = m_hdr.FirstBlock(W64());
+}
+
+kyStream::~kyStream() {
+  // Records of children still open go with their parent; those child
+  // objects must not be used any more.
+  for (POSITION pos = m_openChildren.GetHeadPosition(); pos != nullptr;)
+    delete m_openChildren.GetNext(pos);
+  m_openChildren.RemoveAll();
+}
+
+bool kyStream::StorageInMemory() const {
+  return m_pStorage != nullptr && m_pStorage->m_bInMemory;
+}
+
+int kyStream::GetChildrenOf(kyStream* pAncestor, kyStream** apChain, int nMax) {
+  kyStream* p = m_pParent;
+  int n = 0;
+  if (p == nullptr) return 0;
+  while (p != nullptr) {
+    if (p == pAncestor) return n;
+    if (n == nMax) return -1;
+    apChain[n++] = p;
+    p = p->m_pParent;
+  }
+  return pAncestor == nullptr ? n : 0;
+}
+
+bool kyStream::WriteStreamHeader(int64_t offset, t_kyStreamU& header) {
+  if (SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
+  const DWORD width = static_cast<DWORD>(HeaderWidth());
+  DWORD written = 0;
+  return WriteFile(m_hFile, &header, width, &written, nullptr) && written == width;
+}
+
+// A stream's header goes back through its parent folder, or through the
+// storage for a root stream.
+bool kyStream::WriteHeaderBack() {
+  if (m_pParent != nullptr) return m_pParent->WriteStreamHeader(m_offset.headerOffset, m_hdr);
+  return m_pStorage != nullptr && m_pStorage->WriteStreamHeader(m_offset.headerOffset, m_hdr);
+}
+
+BOOL kyStream::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
+                        OVERLAPPED* overlapped) {
+  if (count <= 0) {
+    if (pRead) *pRead = count;
+    return TRUE;
+  }
+  if (StorageInMemory()) {
+    // One in-memory transfer moves at most the transfer cap.
+    const int64_t kCap = 0x3F000000LL;
+    int64_t n = count > kCap ? kCap : count;
+    if (n > m_pStorage->m_imageSize - m_memPos) return FALSE;
+    memcpy(buf, m_pStorage->m_pImage + m_memPos, static_cast<size_t>(n));
+    m_memPos += n;
+    if (pRead) *pRead = n;
+    return TRUE;
+  }
+  BYTE* out = static_cast<BYTE*>(buf);
+  for (int64_t done = 0; done < count;) {
+    const int64_t rest = count - done;
+    DWORD chunk = static_cast<DWORD>(rest < 0x80000000LL ? rest : 0x80000000LL);
+    DWORD got = 0;
+    if (!::ReadFile(hFile, out + done, chunk, &got, overlapped) || got != chunk) return FALSE;
+    done += chunk;
+  }
+  if (pRead) *pRead = count;
+  return TRUE;
+}
+
+int64_t kyStream::SetFilePointer(HANDLE hFile, int64_t distance, DWORD method) {
+  if (!StorageInMemory()) {
+    LARGE_INTEGER d, pos;
+    d.QuadPart = distance;
+    return SetFilePointerEx(hFile, d, &pos, method) ? pos.QuadPart : -1;
+  }
+  const int64_t size = m_pStorage->m_imageSize;
+  int64_t target;
+  switch (method) {
+    case FILE_BEGIN:
+      target = distance;
+      break;
+    case FILE_CURRENT:
+      target = m_memPos + distance;
+      break;
+    case FILE_END:
+      m_memPos = size;
+      return m_memPos;
+    default:
+      return m_memPos;
+  }
+  if (target < 0 || target >= size) return -1;
+  m_memPos = target;
+  return m_memPos;
+}

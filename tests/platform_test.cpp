@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "support/test_util.h"
+TEST(Platform, Placeholder) { SUCCEED(); }

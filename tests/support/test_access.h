@@ -1,0 +1,95 @@
+// kyTestAccess: the tests' window on private members.  The library's
+// classes name it as a friend; nothing outside tests/ defines it.
+// Add accessors here as tests need them (append only).
+#ifndef KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
+#define KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
+
+#include "kystore.h"
+
+class kyTestAccess {
+ public:
+  // --- kyStorage ---------------------------------------------------------
+  static int64_t& LastAppended(kyStorage* s) { return s->m_lastAppended; }
+  static int64_t RootOffset(kyStorage* s) { return s->m_rootOffset; }
+  static WORD FastSlots(kyStorage* s) { return s->m_wFastSlots; }
+  static WORD SlotsPerBlock(kyStorage* s) { return s->m_wSlotsPerBlock; }
+  static int Use64(kyStorage* s) { return s->m_bUse64BitOffsets; }
+  static int Format(kyStorage* s) { return s->m_iFormat; }
+  static BOOL InMemory(kyStorage* s) { return s->m_bInMemory; }
+  static HANDLE File(kyStorage* s) { return s->m_hFile; }
+  static int64_t ImageSize(kyStorage* s) { return s->m_imageSize; }
+  static BYTE OpenedFast(kyStorage* s) { return s->m_bOpenedFast; }
+  static DWORD BlockSize(kyStorage* s) { return s->m_dwBlockSize; }
+  static t_kyStreamMap& Map(kyStorage* s) { return s->m_streamMap; }
+  static t_OpenStreamList& Registry(kyStorage* s) { return s->m_openStreams; }
+  static CStringArray& StreamNames(kyStorage* s) { return s->m_streamNames; }
+  static CCompRecorder* Recorder(kyStorage* s) { return s->m_pRecorder; }
+  static bool FindStreamOffset(kyStorage* s, const char* name, tag_kyStreamOffset& o) {
+    return s->FindStreamOffset(name, o);
+  }
+  static t_OpenStream* IsStreamOpen(kyStorage* s, const char* name) {
+    return s->IsStreamOpen(name);
+  }
+  static t_OpenStream* AddNewOpenStream(kyStorage* s, const char* name, DWORD mode) {
+    return s->AddNewOpenStream(name, mode);
+  }
+  static int CloseStream(kyStorage* s, const char* name) { return s->CloseStream(name); }
+  static int64_t SetFilePointer(kyStorage* s, int64_t d, DWORD m) {
+    return s->SetFilePointer(s->m_hFile, d, m);
+  }
+  static BOOL ReadFile(kyStorage* s, void* buf, int64_t n, int64_t* got) {
+    return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
+  }
+  static int64_t MemPos(kyStorage* s) { return s->m_memPos; }
+  static bool WriteStreamHeader(kyStorage* s, int64_t off, t_kyStreamU& h) {
+    return s->WriteStreamHeader(off, h);
+  }
+
+  // --- kyStream ----------------------------------------------------------
+  static t_kyStreamU& Header(kyStream* s) { return s->m_hdr; }
+  static DataBlock& BlockHeader(kyStream* s) { return s->m_blockHdr; }
+  static tag_kyStreamOffset& Offset(kyStream* s) { return s->m_offset; }
+  static DWORD& OpenMode(kyStream* s) { return s->m_dwOpenMode; }
+  static int64_t CurBlock(kyStream* s) { return s->m_iCurBlock; }
+  static int64_t BlockPos(kyStream* s) { return s->m_iBlockPos; }
+  static int64_t DataPos(kyStream* s) { return s->m_iDataPos; }
+  static int64_t StreamMemPos(kyStream* s) { return s->m_memPos; }
+  static t_kyChildMap* PreloadMap(kyStream* s) { return s->m_pPreloadMap; }
+  static t_OpenStreamList& Children(kyStream* s) { return s->m_openChildren; }
+  static DWORD& NumChildren(kyStream* s) { return s->m_nChildren; }
+  static kyStorage* Storage(kyStream* s) { return s->m_pStorage; }
+  static int64_t SeekRight(kyStream* s, int64_t d, bool fromStart) {
+    return s->SeekRight(d, fromStart);
+  }
+  static int64_t SeekLeft(kyStream* s, int64_t d, bool fromEnd) { return s->SeekLeft(d, fromEnd); }
+  static int64_t AllocateFirstBlock(kyStream* s) { return s->AllocateFirstBlock(); }
+  static int64_t AllocateNextBlock(kyStream* s, int64_t prev) { return s->AllocateNextBlock(prev); }
+  static BOOL StreamReadFile(kyStream* s, void* buf, int64_t n, int64_t* got) {
+    return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
+  }
+  static int64_t StreamSetFilePointer(kyStream* s, int64_t d, DWORD m) {
+    return s->SetFilePointer(s->m_hFile, d, m);
+  }
+  static kyStream* OpenChildByOffset(kyStream* s, t_kyStreamU& h, tag_kyStreamOffset& o,
+                                     const char* name, DWORD mode) {
+    return s->OpenStreamByOffset(h, o, name, mode);
+  }
+  // Makes a root stream object over a header without going through the
+  // storage's open operations.
+  static kyStream* MakeRootStream(kyStorage* s, t_kyStreamU& h, tag_kyStreamOffset& o) {
+    kyStream* stm = new kyStream(s, h, s->m_hFile, o);
+    return stm;
+  }
+
+  // --- CCompRecorder -----------------------------------------------------
+  static RecStmStruct* Stack(CCompRecorder* r) { return r->m_aStmStack; }
+  static unsigned char* Buffer(CCompRecorder* r) { return r->m_pBuffer; }
+  static int OwnsBuffer(CCompRecorder* r) { return r->m_bOwnBuffer; }
+  static unsigned int GrowBy(CCompRecorder* r) { return r->m_nGrowBy; }
+  static void PushOp(CCompRecorder* r, RecOpEnum op, const char* name, unsigned char* data,
+                     DWORD n) {
+    r->PushOp(op, name, data, n);
+  }
+};
+
+#endif  // KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
