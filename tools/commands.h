@@ -1,0 +1,41 @@
+// The subcommands of the kystore command and the helpers they share.
+//
+// Each subcommand lives in its own cmd_*.cpp file and is added to the
+// command line by its Register function, called from main.cpp.  A command
+// reports its outcome through `status` with the exit statuses of familiar
+// Unix tools: 0 success, 1 failure, 2 bad usage.  Messages go to stderr
+// prefixed "kystore: ".
+#ifndef KYSTORE_TOOLS_COMMANDS_H_
+#define KYSTORE_TOOLS_COMMANDS_H_
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace kycli {
+
+const int kExitOk = 0;
+const int kExitFailure = 1;
+const int kExitUsage = 2;
+
+// One registered subcommand and its one-line synopsis, printed on stderr
+// after a usage error.
+struct Command {
+  CLI::App* app;
+  std::string synopsis;
+};
+
+Command RegisterCreate(CLI::App& app, int& status);
+Command RegisterInfo(CLI::App& app, int& status);
+
+// Prints "kystore: <message>" on stderr.
+void Complain(const std::string& message);
+// Prints "kystore: <subject>: <message>" on stderr.
+void Complain(const std::string& subject, const std::string& message);
+// A usage error found after parsing (for instance a malformed path):
+// the message and the synopsis on stderr.  Returns kExitUsage.
+int UsageError(const Command& command, const std::string& message);
+
+}  // namespace kycli
+
+#endif  // KYSTORE_TOOLS_COMMANDS_H_
