@@ -220,6 +220,34 @@ class kyStream {
   int64_t SlotOffsetAtCursor();
   int64_t SlotOffsetJustRead();
   bool IsOpenBelow();
+  // Most slots a walk over this folder's data may read: what its length
+  // (and the file) can hold, plus one for the short read at the end.
+  int64_t MaxSlotReads();
+  // Reads the W header bytes at a slot's file offset, leaving the shared
+  // file position under this folder's cursor again.
+  bool ReadSlotAt(int64_t offset, t_kyStreamU& header);
+  // Whether a child whose slot lies at `headerOffset` may be opened below
+  // this folder: not one of its own ancestors' slots, not too deep.
+  bool ChildOpenAllowed(int64_t headerOffset);
+  // Whether `other` stands for the same slot of the same file.
+  bool IsSameStream(const kyStream* other) const;
+  // Whether `dst` is this folder or lies below it.
+  bool HoldsInItsTree(const kyStream* dst) const;
+  void RemoveChildren();
+  bool ReuseFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header,
+                     tag_kyStreamOffset& offset);
+  bool AppendSlot(const char* name, DWORD dwType, t_kyStreamU& header, tag_kyStreamOffset& offset,
+                  bool bLocateByStepping);
+
+  // Preloaded-children helpers.
+  bool RefreshPreloaded(const char* name, t_kyStreamWithOffset& value);
+  bool NextPreloadEntry(void** cursor, bool bFirst, CString& name, t_kyStreamWithOffset& value);
+  kyStream* OpenPreloadEntry(void** cursor, bool bFirst, DWORD dwMode);
+  void ForgetPreloadedChild(const char* name);
+  void RenamePreloadedChild(const char* oldName, const t_kyStreamU& header);
+
+  // Root directory walk.
+  bool ReadNextRootSlot(t_kyStreamU& next, tag_kyStreamOffset& where);
 };
 
 #endif  // KYSTORE_STREAM_H_

@@ -1,0 +1,69 @@
+// Finding a child of a folder by name and opening it.  Every child open
+// passes through OpenStreamByOffset, which applies the folder's own
+// open-stream registry.
+
+#include <cstring>
+#include <new>
+
+#include "container/admission.h"
+#include "hierarchy/child_slots.h"
+#include "kystore/storage.h"
+#include "kystore/stream.h"
+
+bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOffset& offset) {
+  if (name == nullptr) return false;
+  if (m_pPreloadMap != nullptr) {
+    t_kyStreamWithOffset value;
+    if (!m_pPreloadMap->Lookup(name, value) || value.hdr.IsFree()) return false;
+    if (!RefreshPreloaded(name, value)) return false;
+    memcpy(&header, &value.hdr, sizeof(header));
+    offset = value.offset;
+    return true;
+  }
+
+  if (!ReadChildCount()) return false;
+  offset.blockOffset = 0;
+  offset.dwBlockSlots = 0;
+  const int64_t w = HeaderWidth();
+  const int64_t maxReads = MaxSlotReads();
+  for (DWORD i = 0; i < m_nChildren && i < maxReads; ++i) {
+    offset.headerOffset = SlotOffsetAtCursor();
+    memset(&header, 0, sizeof(header));
+    if (Read(header.raw, w) != w) return false;
+    // Free slots are compared too: an empty name finds the first of them.
+    if (SlotNameIs(header, name)) return true;
+  }
+  return false;
+}
+
+kyStream* kyStream::OpenStream(const char* name, DWORD dwMode) {
+  // An empty name would open a free slot, whose blocks the next creation
+  // takes over; nothing written through such an object would last.
+  if (m_hdr.Flags() != kFolderFlag || name == nullptr || name[0] == '\0') return nullptr;
+  t_kyStreamU header;
+  tag_kyStreamOffset offset;
+  memset(&header, 0, sizeof(header));
+  memset(&offset, 0, sizeof(offset));
+  if (!FindStream(name, header, offset)) return nullptr;
+  return OpenStreamByOffset(header, offset, name, dwMode);
+}
+
+kyStream* kyStream::OpenStreamByOffset(t_kyStreamU& header, tag_kyStreamOffset& offset,
+                                       const char* name, DWORD dwMode) {
+  if (name == nullptr || m_pStorage == nullptr) return nullptr;
+  // The registry decides before anything else happens.
+  t_OpenStream* held = IsStreamOpen(name);
+  if (!OpenAdmitted(held, dwMode)) return nullptr;
+  if (!m_pStorage->CanRead()) return nullptr;
+  if (!ChildOpenAllowed(offset.headerOffset)) return nullptr;
+
+  kyStream* child = new (std::nothrow) kyStream(this, header, m_pStorage->m_hFile, offset);
+  if (child == nullptr) return nullptr;
+  child->m_dwOpenMode = dwMode;
+  // Release skips streams without a name, so none is recorded for them.
+  if (held != nullptr)
+    ++held->m_nCount;
+  else if (name[0] != '\0')
+    AddNewOpenStream(name, dwMode);  // no memory: the child stays unregistered
+  return child;
+}

@@ -1,0 +1,105 @@
+// Locating and bounding the child slots of a folder's data.
+//
+// A folder's data are a DWORD child count followed by one header slot of W
+// bytes (the storage's header width) per child.  The helpers here read the
+// count, work out where a slot lies in the file, and bound every walk over
+// the slots by what the folder's data can hold.
+
+#include <cstring>
+
+#include "hierarchy/child_slots.h"
+#include "kystore/storage.h"
+#include "kystore/stream.h"
+#include "platform/win_file.h"
+
+bool kyStream::ReadChildCount() {
+  DWORD count = 0;
+  if (SeekRight(0, true) != 0 || Read(&count, 4) != 4) {
+    m_nChildren = 0;
+    return false;
+  }
+  m_nChildren = count;
+  return true;
+}
+
+// The slot the cursor is about to read starts at the cursor, unless the
+// current block's data are used up: then it starts after the next block's
+// header.  0 when no block follows.
+int64_t kyStream::SlotOffsetAtCursor() {
+  const bool b64 = W64();
+  const int64_t h = BlockHeaderSize();
+  if (m_iBlockPos == 0) return m_iCurBlock + h;
+  if (m_iBlockPos >= m_blockHdr.UsedEnd(b64)) {
+    const int64_t next = m_blockHdr.NextBlock(b64);
+    return next != 0 ? next + h : 0;
+  }
+  return m_iCurBlock + m_iBlockPos;
+}
+
+// Every slot lies whole inside one block, so stepping back over the slot
+// just read stays in its block and lands on its first byte.  -1 when the
+// cursor cannot be moved.
+int64_t kyStream::SlotOffsetJustRead() {
+  const int64_t w = HeaderWidth();
+  if (SeekLeft(w, false) != 0) return -1;
+  const int64_t at = m_iCurBlock + m_iBlockPos;
+  if (SeekRight(w, false) != 0) return -1;
+  return at;
+}
+
+int64_t kyStream::MaxSlotReads() {
+  int64_t bytes = GetLength();
+  const int64_t fileSize = m_pStorage != nullptr ? m_pStorage->CurrentFileSize() : -1;
+  if (fileSize >= 0 && fileSize < bytes) bytes = fileSize;
+  if (bytes < 0) bytes = 0;
+  return bytes / HeaderWidth() + 1;
+}
+
+bool kyStream::ReadSlotAt(int64_t offset, t_kyStreamU& header) {
+  memset(&header, 0, sizeof(header));
+  const int64_t w = HeaderWidth();
+  int64_t got = 0;
+  const bool ok = offset > 0 && SetFilePointer(m_hFile, offset, FILE_BEGIN) != -1 &&
+                  ReadFile(m_hFile, header.raw, w, &got, nullptr) && got == w;
+  // The cursor invariant: while a block is loaded, the shared position
+  // stands under the cursor.
+  if (m_iBlockPos != 0) SetFilePointer(m_hFile, m_iCurBlock + m_iBlockPos, FILE_BEGIN);
+  return ok;
+}
+
+// A damaged folder can hold a slot whose chain leads back into an
+// ancestor's data; descending into it would never end.  Every stream has
+// its own slot, so a child whose slot is an ancestor's is refused.
+bool kyStream::ChildOpenAllowed(int64_t headerOffset) {
+  if (headerOffset <= 0) return false;
+  int depth = 0;
+  for (const kyStream* p = this; p != nullptr; p = p->m_pParent) {
+    if (p->m_offset.headerOffset == headerOffset) return false;
+    ++depth;
+  }
+  return depth < kMaxFolderDepth;
+}
+
+// Two storage objects over one path share the file, so their streams are
+// compared by path as well.
+bool kyStream::IsSameStream(const kyStream* other) const {
+  if (other == this) return true;
+  if (other == nullptr || m_pStorage == nullptr || other->m_pStorage == nullptr) return false;
+  if (other->m_offset.headerOffset != m_offset.headerOffset) return false;
+  return other->m_pStorage == m_pStorage ||
+         strcmp(other->m_pStorage->GetPath(), m_pStorage->GetPath()) == 0;
+}
+
+bool kyStream::HoldsInItsTree(const kyStream* dst) const {
+  for (const kyStream* p = dst; p != nullptr; p = p->m_pParent)
+    if (IsSameStream(p)) return true;
+  return false;
+}
+
+// An open descendant keeps its whole chain of parent objects open.  That
+// chain reaches this stream either through this object, whose registry then
+// holds a record, or through another object of this stream, which counts on
+// this stream's own record (checked by the caller).
+bool kyStream::IsOpenBelow() {
+  return !m_openChildren.IsEmpty();
+}
