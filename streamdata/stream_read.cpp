@@ -1,0 +1,33 @@
+// Reading a stream's data along its block chain.
+
+#include "kystore/stream.h"
+
+// Reads block by block from the cursor.  The blocks' own ends decide what
+// the data are; the recorded length is not consulted.
+int64_t kyStream::Read(void* buf, int64_t count) {
+  if (m_iCurBlock == 0 || count <= 0) return 0;
+  const bool b64 = W64();
+  BYTE* out = static_cast<BYTE*>(buf);
+  int64_t total = 0;
+  int64_t hops = 0;
+  int64_t hopLimit = 0;
+  for (;;) {
+    if (m_iBlockPos == 0 && !LoadBlock(m_iCurBlock)) return -1;
+    const int64_t avail = m_blockHdr.UsedEnd(b64) - m_iBlockPos;
+    int64_t n = count - total;
+    if (n > avail) n = avail > 0 ? avail : 0;
+    if (n > 0) {
+      int64_t got = 0;
+      if (!ReadFile(m_hFile, out + total, n, &got, nullptr) || got != n) return -1;
+    }
+    total += n;
+    m_iBlockPos += n;
+    m_iDataPos += n;
+    const int64_t next = m_blockHdr.NextBlock(b64);
+    if (next == 0 || total == count) return total;
+    // A chain that loops or runs on forever fails rather than hangs.
+    if (!ChainHopAllowed(hops, hopLimit)) return -1;
+    m_iCurBlock = next;
+    m_iBlockPos = 0;
+  }
+}
