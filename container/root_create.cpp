@@ -74,7 +74,11 @@ bool kyStorage::NameOnDisk(const char* name) {
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree() && SlotName(slot) == name) return true;
     }
-    blockOffset = block.NextBlock(b64);
+    const int64_t next = block.NextBlock(b64);
+    // Blocks are only ever appended, so a link that does not lead further
+    // into the file is damage (and may loop).
+    if (next != 0 && next <= blockOffset) return true;
+    blockOffset = next;
   }
   return false;
 }
@@ -144,7 +148,9 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
     if (bFast || bOpenFirst) return nullptr;
     int64_t next = block.NextBlock(b64);
     if (next == 0) next = AppendDirectoryBlock(blockOffset);
-    if (next <= 0) return nullptr;
+    // A link back to this block or an earlier one is damage: following it
+    // could put an ordinary stream into a fast slot, or loop.
+    if (next <= blockOffset) return nullptr;
     blockOffset = next;
     first = 0;
   }

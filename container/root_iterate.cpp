@@ -77,7 +77,13 @@ kyStream* kyStorage::OpenStreamFirst2(int& cursor, DWORD mode) {
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree()) m_streamNames.Add(SlotName(slot));
     }
-    blockOffset = block.NextBlock(b64);
+    const int64_t next = block.NextBlock(b64);
+    // Blocks are only ever appended: a link backwards is damage.
+    if (next != 0 && next <= blockOffset) {
+      m_streamNames.RemoveAll();
+      return nullptr;
+    }
+    blockOffset = next;
   }
   if (m_streamNames.GetSize() == 0) return nullptr;
   cursor = 0;
