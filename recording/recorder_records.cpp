@@ -111,13 +111,22 @@ void CCompRecorder::PushOp(RecOpEnum op, const char* name, unsigned char* data, 
     return;
   }
   Init(kRecordInit);
-  unsigned int end = m_nPos;
+  if (m_pBuffer == nullptr) {
+    Stop();
+    return;
+  }
+  // The whole record must end within what 32 bits count.
+  unsigned int room = 0xFFFFFFFFu - m_nPos;
   for (int i = 0; i < r.count; ++i) {
-    unsigned int size = r.piece[i].size;
-    if (m_pBuffer == nullptr || size > 0xFFFFFFFFu - end) {
+    if (r.piece[i].size > room) {
       Stop();
       return;
     }
+    room -= r.piece[i].size;
+  }
+  unsigned int end = m_nPos;
+  for (int i = 0; i < r.count; ++i) {
+    unsigned int size = r.piece[i].size;
     if (end + size > m_nLength && !Expand(size > kRecordInit ? size : kRecordInit)) {
       Stop();
       return;

@@ -90,6 +90,20 @@ class kyTestAccess {
                      DWORD n) {
     r->PushOp(op, name, data, n);
   }
+  static void SetBufferPos(CCompRecorder* r, unsigned int pos) { r->m_nPos = pos; }
+
+  // --- stream objects for the recorder's stack tests -----------------------
+  // A root stream object over `h` that belongs to no storage.
+  static kyStream* MakeLooseRootStream(t_kyStreamU& h) {
+    tag_kyStreamOffset o = {0, 0, 0, 0};
+    return new kyStream(static_cast<kyStorage*>(nullptr), h, INVALID_HANDLE_VALUE, o);
+  }
+  // A child stream object of `parent` over `h`; nothing is read or written.
+  static kyStream* MakeChildStream(kyStream* parent, t_kyStreamU& h, int64_t headerOffset) {
+    tag_kyStreamOffset o = {headerOffset, 0, 0, 0};
+    return new kyStream(parent, h, INVALID_HANDLE_VALUE, o);
+  }
+  static void DeleteStream(kyStream* s) { delete s; }
 };
 
 #endif  // KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
