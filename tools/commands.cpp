@@ -12,11 +12,13 @@ void Complain(const std::string& subject, const std::string& message) {
   Complain(subject + ": " + message);
 }
 
-int UsageError(const Command& command, const std::string& message) {
+int UsageError(const std::string& synopsis, const std::string& message) {
   Complain(message);
-  std::cerr << "usage: " << command.synopsis << "\n"
-            << "Try 'kystore " << command.app->get_name() << " --help' for more information."
-            << std::endl;
+  // The synopsis starts "kystore NAME": the second word names the command.
+  size_t start = synopsis.find(' ') + 1;
+  std::string name = synopsis.substr(start, synopsis.find(' ', start) - start);
+  std::cerr << "usage: " << synopsis << "\n"
+            << "Try 'kystore " << name << " --help' for more information." << std::endl;
   return kExitUsage;
 }
 

@@ -27,14 +27,18 @@ struct Command {
 
 Command RegisterCreate(CLI::App& app, int& status);
 Command RegisterInfo(CLI::App& app, int& status);
+Command RegisterLs(CLI::App& app, int& status);
+Command RegisterCat(CLI::App& app, int& status);
+Command RegisterPut(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);
 // Prints "kystore: <subject>: <message>" on stderr.
 void Complain(const std::string& subject, const std::string& message);
-// A usage error found after parsing (for instance a malformed path):
-// the message and the synopsis on stderr.  Returns kExitUsage.
-int UsageError(const Command& command, const std::string& message);
+// A usage error found after parsing (for instance a malformed path): the
+// message and the command's synopsis ("kystore NAME ...") on stderr.
+// Returns kExitUsage.
+int UsageError(const std::string& synopsis, const std::string& message);
 
 }  // namespace kycli
 

@@ -20,7 +20,7 @@ const kycli::Command* SelectedCommand(const CLI::App& app,
 int ReportParseError(const CLI::App& app, const std::vector<kycli::Command>& commands,
                      const CLI::ParseError& e, int argc, char** argv) {
   const kycli::Command* command = SelectedCommand(app, commands);
-  if (command != nullptr) return kycli::UsageError(*command, e.what());
+  if (command != nullptr) return kycli::UsageError(command->synopsis, e.what());
   // CLI11 reports a misspelt command as a missing one; name it instead.
   if (argc > 1 && argv[1][0] != '-')
     kycli::Complain(std::string("unknown command '") + argv[1] + "'");
@@ -41,8 +41,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   int status = kycli::kExitOk;
   std::vector<kycli::Command> commands = {
-      kycli::RegisterCreate(app, status),
-      kycli::RegisterInfo(app, status),
+      kycli::RegisterCreate(app, status), kycli::RegisterInfo(app, status),
+      kycli::RegisterLs(app, status),     kycli::RegisterCat(app, status),
+      kycli::RegisterPut(app, status),
   };
   try {
     app.parse(argc, argv);

@@ -1,0 +1,79 @@
+// kystore cat FILE PATH: writes a stream's data to standard output.
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "commands.h"
+#include "kystore.h"
+#include "storage_util.h"
+#include "stream_path.h"
+
+namespace kycli {
+
+namespace {
+
+const char kCatSynopsis[] = "kystore cat FILE PATH";
+
+struct CatOptions {
+  std::string file;
+  std::string path;
+};
+
+// Copies exactly GetLength() bytes from the start of the stream.
+int CopyToStdout(kyStream* stm, const std::string& subject) {
+  int64_t length = stm->GetLength();
+  // Opening the path moved the shared file position; start from an
+  // absolute seek (a stream without blocks cannot seek, and has no data).
+  if (length > 0 && stm->Seek(0, 0, true) != 0) {
+    Complain(subject, "cannot read the stream (damaged?)");
+    return kExitFailure;
+  }
+  std::vector<char> buf(1 << 20);
+  for (int64_t done = 0; done < length;) {
+    int64_t want = length - done < static_cast<int64_t>(buf.size()) ? length - done : buf.size();
+    int64_t got = stm->Read(buf.data(), want);
+    if (got <= 0) {
+      Complain(subject, "cannot read the stream past byte " + std::to_string(done) + " (damaged?)");
+      return kExitFailure;
+    }
+    if (fwrite(buf.data(), 1, static_cast<size_t>(got), stdout) != static_cast<size_t>(got)) {
+      Complain("write error on standard output");
+      return kExitFailure;
+    }
+    done += got;
+  }
+  return kExitOk;
+}
+
+int RunCat(const CatOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kCatSynopsis, path)) return kExitUsage;
+  OpenedStorage storage(opt.file, false);
+  if (!storage) return kExitFailure;
+  StreamChain chain;
+  size_t failedAt = 0;
+  PathResult result = OpenPath(storage.get(), path, kModeReadShared, chain, failedAt);
+  if (result != PathResult::kOpened) {
+    Complain(opt.file, DescribePathFailure(result, path, failedAt));
+    return kExitFailure;
+  }
+  std::string subject = opt.file + ": " + JoinPath(path);
+  if (chain.Leaf()->IsFolder()) {
+    Complain(subject, "is a folder");
+    return kExitFailure;
+  }
+  return CopyToStdout(chain.Leaf(), subject);
+}
+
+}  // namespace
+
+Command RegisterCat(CLI::App& app, int& status) {
+  auto opt = std::make_shared<CatOptions>();
+  CLI::App* sub = app.add_subcommand("cat", "Write a stream's data to standard output");
+  sub->add_option("FILE", opt->file, "The storage file")->required();
+  sub->add_option("PATH", opt->path, "The stream, e.g. Top/Mid/Leaf")->required();
+  sub->callback([opt, &status] { status = RunCat(*opt); });
+  return {sub, kCatSynopsis};
+}
+
+}  // namespace kycli

@@ -1,0 +1,44 @@
+#include "storage_util.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "commands.h"
+
+namespace kycli {
+
+namespace {
+
+std::string WhyNotOpened(const std::string& file) {
+  struct stat st;
+  if (stat(file.c_str(), &st) != 0) return strerror(errno);
+  if (S_ISDIR(st.st_mode)) return "is a directory";
+  if (file.size() >= MAX_PATH) return "path too long (at most 259 characters)";
+  return "not a storage file, or its directory is damaged";
+}
+
+}  // namespace
+
+OpenedStorage::OpenedStorage(const std::string& file, bool writable)
+    : m_storage(kyStorage::Open(file.c_str(), writable ? kModeReadWriteShared : kModeReadShared,
+                                4096, 0)) {
+  if (m_storage == nullptr) Complain(file, WhyNotOpened(file));
+}
+
+OpenedStorage::~OpenedStorage() {
+  if (m_storage != nullptr) m_storage->Release();
+}
+
+void StreamChain::ReleaseLeaf() {
+  if (m_streams.empty()) return;
+  m_streams.back()->Release();
+  m_streams.pop_back();
+}
+
+void StreamChain::ReleaseAll() {
+  while (!m_streams.empty()) ReleaseLeaf();
+}
+
+}  // namespace kycli

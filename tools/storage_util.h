@@ -1,0 +1,61 @@
+// Opening storages and holding chains of open streams for the commands.
+#ifndef KYSTORE_TOOLS_STORAGE_UTIL_H_
+#define KYSTORE_TOOLS_STORAGE_UTIL_H_
+
+#include <string>
+#include <vector>
+
+#include "kystore.h"
+
+namespace kycli {
+
+// A storage opened for one command and released when the object goes.
+// Read-only commands open with mode 0x12, changing ones with 0x16, both
+// with block size 4096 and without the in-memory load.  A failed open is
+// reported on stderr ("No such file or directory", "not a storage file").
+class OpenedStorage {
+ public:
+  OpenedStorage(const std::string& file, bool writable);
+  ~OpenedStorage();
+  OpenedStorage(const OpenedStorage&) = delete;
+  OpenedStorage& operator=(const OpenedStorage&) = delete;
+
+  kyStorage* get() const { return m_storage; }
+  kyStorage* operator->() const { return m_storage; }
+  explicit operator bool() const { return m_storage != nullptr; }
+
+ private:
+  kyStorage* m_storage;
+};
+
+// The streams opened along a path, outermost first.  A child keeps a
+// pointer to its parent, so the chain releases the innermost stream first;
+// declare it after the OpenedStorage it belongs to, so that it goes first.
+class StreamChain {
+ public:
+  StreamChain() = default;
+  ~StreamChain() { ReleaseAll(); }
+  StreamChain(const StreamChain&) = delete;
+  StreamChain& operator=(const StreamChain&) = delete;
+
+  void Push(kyStream* stm) { m_streams.push_back(stm); }
+  size_t Depth() const { return m_streams.size(); }
+  // The innermost stream, or null for an empty chain.
+  kyStream* Leaf() const { return m_streams.empty() ? nullptr : m_streams.back(); }
+  // The stream holding the leaf, or null when the leaf is a root stream.
+  kyStream* Parent() const {
+    return m_streams.size() < 2 ? nullptr : m_streams[m_streams.size() - 2];
+  }
+  // Forgets the leaf without releasing it (after a successful Remove, which
+  // destroys the object itself).
+  void DropLeaf() { m_streams.pop_back(); }
+  void ReleaseLeaf();
+  void ReleaseAll();
+
+ private:
+  std::vector<kyStream*> m_streams;
+};
+
+}  // namespace kycli
+
+#endif  // KYSTORE_TOOLS_STORAGE_UTIL_H_
