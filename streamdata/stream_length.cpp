@@ -13,7 +13,12 @@ bool kyStream::SetLength(int64_t newLength) {
   if (newLength < 0 || newLength > GetLength()) return false;
   Seek(0, 0, true);
   m_hdr.SetLength(W64(), newLength);
-  return WriteHeaderBack();
+  const bool written = WriteHeaderBack();
+  // The header write moved the shared position away from the cursor, which
+  // now stands at the start; put it back under the cursor so that the next
+  // Read or Write needs no seek of its own (as after Erase).
+  if (m_iBlockPos != 0) SetFilePointer(m_hFile, m_iCurBlock + m_iBlockPos, FILE_BEGIN);
+  return written;
 }
 
 // The blocks stay allocated and linked; the next write starts over at the
