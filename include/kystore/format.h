@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "platform/win_types.h"
 
@@ -32,6 +33,25 @@ const int kMaxNameLength = 60;         // characters of a stream name, terminato
 // Bits of t_kyStreamU::bFolder.
 const BYTE kFolderFlag = 0x01;
 const BYTE kSizePrefixFlag = 0x02;
+
+// A WORD field of a packed record that lies at an odd offset.  Binding a
+// WORD& to it would be misaligned, so it is read and written by copying.
+class PackedWordRef {
+ public:
+  explicit PackedWordRef(void* at) : m_at(at) {}
+  operator WORD() const {
+    WORD v;
+    memcpy(&v, m_at, sizeof(v));
+    return v;
+  }
+  PackedWordRef& operator=(WORD v) {
+    memcpy(m_at, &v, sizeof(v));
+    return *this;
+  }
+
+ private:
+  void* m_at;
+};
 
 #pragma pack(push, 1)
 
@@ -77,7 +97,7 @@ union t_kyStreamU {
   DWORD Magic() const { return s32.dwMagic; }
   char* Name() { return s32.szName; }
   const char* Name() const { return s32.szName; }
-  WORD& Duration() { return s32.wDuration; }
+  PackedWordRef Duration() { return PackedWordRef(raw + 65); }
   WORD Duration() const { return s32.wDuration; }
   BYTE& Flags() { return s32.bFolder; }
   BYTE Flags() const { return s32.bFolder; }
