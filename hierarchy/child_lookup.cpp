@@ -17,7 +17,7 @@ bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOff
     if (!m_pPreloadMap->Lookup(name, value) || value.hdr.IsFree()) return false;
     if (!RefreshPreloaded(name, value)) return false;
     memcpy(&header, &value.hdr, sizeof(header));
-    offset = value.offset;
+    memcpy(&offset, &value.offset, sizeof(offset));  // the value is packed
     return true;
   }
 

@@ -131,7 +131,7 @@ kyStream* kyStream::CreateStream(const char* name, DWORD dwType, DWORD dwMode, i
     t_kyStreamWithOffset value;
     memset(&value, 0, sizeof(value));
     value.hdr = child != nullptr ? child->m_hdr : header;
-    value.offset = offset;
+    memcpy(&value.offset, &offset, sizeof(offset));  // the value is packed
     m_pPreloadMap->SetAt(name, value);
   }
   return child;

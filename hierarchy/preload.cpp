@@ -90,7 +90,9 @@ kyStream* kyStream::OpenPreloadEntry(void** cursor, bool bFirst, DWORD dwMode) {
   t_kyStreamWithOffset value;
   for (bool first = bFirst; NextPreloadEntry(cursor, first, name, value); first = false) {
     if (value.hdr.IsFree() || !RefreshPreloaded(name, value)) continue;
-    return OpenStreamByOffset(value.hdr, value.offset, name, dwMode);
+    tag_kyStreamOffset offset;  // the value is packed: its locator may be misaligned
+    memcpy(&offset, &value.offset, sizeof(offset));
+    return OpenStreamByOffset(value.hdr, offset, name, dwMode);
   }
   return nullptr;
 }

@@ -39,6 +39,7 @@ TEST_P(ChildWalkTest, LookupMatchesNamesExactly) {
   EXPECT_FALSE(top->FindStream("Abc", h, o));
   EXPECT_EQ(nullptr, top->OpenStream("Abc", kModeReadShared));
   Child(top, "Abc");
+  top->Release();
   ASSERT_NE(nullptr, Reopen());
   top = storage->OpenStream("Top", kModeReadShared);
   ASSERT_TRUE(top->FindStream("Abc", h, o));

@@ -66,10 +66,12 @@ TEST_P(PreloadTest, MapHoldsUsedChildrenWithTheirLocators) {
     t_kyStreamU h;
     tag_kyStreamOffset o;
     ASSERT_TRUE(plain->FindStream(name, h, o)) << name.GetString();
-    EXPECT_EQ(o.headerOffset, v.offset.headerOffset);
-    EXPECT_EQ(0, v.offset.blockOffset);
-    EXPECT_EQ(0u, v.offset.dwBlockSlots);
-    EXPECT_EQ(name == "a" ? 120u : 0u, v.offset.dwDuration);
+    tag_kyStreamOffset vo;  // the value is packed
+    memcpy(&vo, &v.offset, sizeof(vo));
+    EXPECT_EQ(o.headerOffset, vo.headerOffset);
+    EXPECT_EQ(0, vo.blockOffset);
+    EXPECT_EQ(0u, vo.dwBlockSlots);
+    EXPECT_EQ(name == "a" ? 120u : 0u, vo.dwDuration);
     EXPECT_EQ(0, memcmp(&h, &v.hdr, static_cast<size_t>(W())));
   }
   EXPECT_EQ(3, seen);
@@ -206,9 +208,11 @@ TEST_P(PreloadTest, RemoveAndRenameKeepTheMapTrue) {
   ASSERT_EQ(1, top->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name));
   ASSERT_EQ(1, top->GetPreloadChildrenOffsetNext(&cursor, 0, v, name));
   ASSERT_STREQ("d", name);
-  EXPECT_EQ(nullptr, top->OpenPreloadChildrenByOffset(v.hdr, v.offset, "d", kModeReadShared));
+  tag_kyStreamOffset vo;  // the value is packed
+  memcpy(&vo, &v.offset, sizeof(vo));
+  EXPECT_EQ(nullptr, top->OpenPreloadChildrenByOffset(v.hdr, vo, "d", kModeReadShared));
   EXPECT_FALSE(top->FindStream("d", h, o));
-  kyStream* dee = top->OpenPreloadChildrenByOffset(v.hdr, v.offset, "dee", kModeReadShared);
+  kyStream* dee = top->OpenPreloadChildrenByOffset(v.hdr, vo, "dee", kModeReadShared);
   ASSERT_NE(nullptr, dee);
   EXPECT_EQ("d", Text(dee));
   dee->Release();

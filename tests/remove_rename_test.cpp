@@ -95,6 +95,7 @@ TEST_P(RemoveRenameTest, RemoveRefusesWhileAnythingIsOpen) {
   Child(r, "F", 1);
   kyStream* f1 = r->OpenStream("F", kModeReadWriteShared);
   Child(f1, "g", 0, "data");
+  f1->Release();
   r->Release();
   ASSERT_NE(nullptr, Reopen());
   const Bytes image = kytest::ReadAll(path);
