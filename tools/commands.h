@@ -30,6 +30,12 @@ Command RegisterInfo(CLI::App& app, int& status);
 Command RegisterLs(CLI::App& app, int& status);
 Command RegisterCat(CLI::App& app, int& status);
 Command RegisterPut(CLI::App& app, int& status);
+Command RegisterTree(CLI::App& app, int& status);
+Command RegisterMkdir(CLI::App& app, int& status);
+Command RegisterRm(CLI::App& app, int& status);
+Command RegisterMv(CLI::App& app, int& status);
+Command RegisterCp(CLI::App& app, int& status);
+Command RegisterRecording(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

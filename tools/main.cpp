@@ -41,9 +41,12 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   int status = kycli::kExitOk;
   std::vector<kycli::Command> commands = {
-      kycli::RegisterCreate(app, status), kycli::RegisterInfo(app, status),
-      kycli::RegisterLs(app, status),     kycli::RegisterCat(app, status),
-      kycli::RegisterPut(app, status),
+      kycli::RegisterCreate(app, status),    kycli::RegisterInfo(app, status),
+      kycli::RegisterLs(app, status),        kycli::RegisterCat(app, status),
+      kycli::RegisterPut(app, status),       kycli::RegisterTree(app, status),
+      kycli::RegisterMkdir(app, status),     kycli::RegisterRm(app, status),
+      kycli::RegisterMv(app, status),        kycli::RegisterCp(app, status),
+      kycli::RegisterRecording(app, status),
   };
   try {
     app.parse(argc, argv);

@@ -1,0 +1,123 @@
+// kystore cp SRC_FILE SRC_PATH DST_FILE DST_PATH: copies a stream, or a
+// whole folder, into a storage (the same one or another).
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "commands.h"
+#include "kystore.h"
+#include "storage_util.h"
+#include "stream_path.h"
+
+namespace kycli {
+
+namespace {
+
+const char kCpSynopsis[] = "kystore cp SRC_FILE SRC_PATH DST_FILE DST_PATH";
+
+struct CpOptions {
+  std::string srcFile;
+  std::string srcPath;
+  std::string dstFile;
+  std::string dstPath;
+};
+
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+
+// Whether `path` names `outer` or something below it.
+bool IsInside(const StreamPath& path, const StreamPath& outer) {
+  return path.size() >= outer.size() && std::equal(outer.begin(), outer.end(), path.begin());
+}
+
+// Copies the opened source into `dstPath` of `dst`, made like the source
+// (folder or data stream) when it does not exist.  A folder merges into an
+// existing folder as CopyFolder does.
+int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std::string& dstFile) {
+  bool folder = src->IsFolder() != 0;
+  StreamChain chain;
+  size_t failedAt = 0;
+  PathResult result = OpenOrCreatePath(dst, dstPath, folder, chain, failedAt);
+  if (result != PathResult::kOpened) {
+    Complain(dstFile, DescribePathFailure(result, dstPath, failedAt));
+    return kExitFailure;
+  }
+  std::string subject = dstFile + ": " + JoinPath(dstPath);
+  if ((chain.Leaf()->IsFolder() != 0) != folder) {
+    Complain(subject, folder ? "exists and is not a folder" : "is a folder");
+    return kExitFailure;
+  }
+  if (folder) {
+    // CopyFolder refuses a destination inside the source itself.
+    if (!src->CopyFolder(chain.Leaf())) {
+      Complain(subject, "the folder was not copied completely");
+      return kExitFailure;
+    }
+    return kExitOk;
+  }
+  // CopyStream reports an empty source as a failure after emptying the
+  // destination, which is what copying an empty stream means.
+  if (!src->CopyStream(chain.Leaf()) && src->GetLength() > 0) {
+    Complain(subject, "the stream was not copied completely");
+    return kExitFailure;
+  }
+  return kExitOk;
+}
+
+int RunCp(const CpOptions& opt) {
+  StreamPath srcPath, dstPath;
+  if (!ParsePathArgument(opt.srcPath, kCpSynopsis, srcPath) ||
+      !ParsePathArgument(opt.dstPath, kCpSynopsis, dstPath))
+    return kExitUsage;
+  // Within one file, a single storage object serves both sides, so that
+  // the library sees where the destination lies relative to the source.
+  bool sameFile = SameFile(opt.srcFile, opt.dstFile);
+  if (sameFile && srcPath == dstPath) {
+    Complain(opt.srcFile, JoinPath(srcPath) + ": source and destination are the same");
+    return kExitFailure;
+  }
+  // A copy into itself would never end; refuse before anything is made.
+  if (sameFile && IsInside(dstPath, srcPath)) {
+    Complain(opt.dstFile, JoinPath(dstPath) + ": lies inside " + JoinPath(srcPath));
+    return kExitFailure;
+  }
+  OpenedStorage dst(opt.dstFile, true);
+  if (!dst) return kExitFailure;
+  std::unique_ptr<OpenedStorage> ownSrc;
+  kyStorage* src = dst.get();
+  if (!sameFile) {
+    ownSrc.reset(new OpenedStorage(opt.srcFile, false));
+    if (!*ownSrc) return kExitFailure;
+    src = ownSrc->get();
+  }
+  StreamChain srcChain;
+  size_t failedAt = 0;
+  PathResult result = OpenPath(src, srcPath, kModeReadShared, srcChain, failedAt);
+  if (result != PathResult::kOpened) {
+    Complain(opt.srcFile, DescribePathFailure(result, srcPath, failedAt));
+    return kExitFailure;
+  }
+  return CopyInto(srcChain.Leaf(), dst.get(), dstPath, opt.dstFile);
+}
+
+}  // namespace
+
+Command RegisterCp(CLI::App& app, int& status) {
+  auto opt = std::make_shared<CpOptions>();
+  CLI::App* sub =
+      app.add_subcommand("cp", "Copy a stream or a folder tree, merging into an existing folder");
+  sub->add_option("SRC_FILE", opt->srcFile, "The storage to copy from")->required();
+  sub->add_option("SRC_PATH", opt->srcPath, "The stream or folder to copy")->required();
+  sub->add_option("DST_FILE", opt->dstFile, "The storage to copy into (may be the same)")
+      ->required();
+  sub->add_option("DST_PATH", opt->dstPath, "Where the copy goes (created when missing)")
+      ->required();
+  sub->callback([opt, &status] { status = RunCp(*opt); });
+  return {sub, kCpSynopsis};
+}
+
+}  // namespace kycli

@@ -1,0 +1,80 @@
+// kystore mv FILE PATH NEWNAME: renames a stream or folder in place.
+#include <memory>
+
+#include "commands.h"
+#include "kystore.h"
+#include "storage_util.h"
+#include "stream_path.h"
+
+namespace kycli {
+
+namespace {
+
+const char kMvSynopsis[] = "kystore mv FILE PATH NEWNAME";
+
+struct MvOptions {
+  std::string file;
+  std::string path;
+  std::string newName;
+};
+
+// Whether the folder holding the stream (the root when `parent` is null)
+// already has a stream called `name`.
+bool SiblingExists(kyStorage* storage, kyStream* parent, const std::string& name) {
+  if (parent == nullptr) {
+    kyStream* other = storage->OpenStream(name.c_str(), kModeReadShared);
+    if (other == nullptr) return false;
+    other->Release();
+    return true;
+  }
+  t_kyStreamU header;
+  tag_kyStreamOffset offset = {0, 0, 0, 0};
+  return parent->FindStream(name.c_str(), header, offset);
+}
+
+int RunMv(const MvOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kMvSynopsis, path)) return kExitUsage;
+  if (opt.newName.find('/') != std::string::npos)
+    return UsageError(kMvSynopsis, "'" + opt.newName + "': NEWNAME is a name, not a path");
+  std::string problem;
+  if (!CheckPath({opt.newName}, problem)) return UsageError(kMvSynopsis, problem);
+  if (opt.newName == path.back()) return kExitOk;
+
+  OpenedStorage storage(opt.file, true);
+  if (!storage) return kExitFailure;
+  StreamChain chain;
+  size_t failedAt = 0;
+  PathResult result = OpenPath(storage.get(), path, kModeReadWriteShared, chain, failedAt);
+  if (result != PathResult::kOpened) {
+    Complain(opt.file, DescribePathFailure(result, path, failedAt));
+    return kExitFailure;
+  }
+  // Renaming does not look at the siblings; two streams of one name would
+  // hide one of them, so an existing name is refused here.
+  if (SiblingExists(storage.get(), chain.Parent(), opt.newName)) {
+    StreamPath target(path.begin(), path.end() - 1);
+    target.push_back(opt.newName);
+    Complain(opt.file, JoinPath(target) + ": exists");
+    return kExitFailure;
+  }
+  if (!chain.Leaf()->Rename(opt.newName.c_str())) {
+    Complain(opt.file, JoinPath(path) + ": cannot rename");
+    return kExitFailure;
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+Command RegisterMv(CLI::App& app, int& status) {
+  auto opt = std::make_shared<MvOptions>();
+  CLI::App* sub = app.add_subcommand("mv", "Rename a stream or folder within its folder");
+  sub->add_option("FILE", opt->file, "The storage file")->required();
+  sub->add_option("PATH", opt->path, "The stream or folder to rename")->required();
+  sub->add_option("NEWNAME", opt->newName, "Its new name (1 to 60 characters)")->required();
+  sub->callback([opt, &status] { status = RunMv(*opt); });
+  return {sub, kMvSynopsis};
+}
+
+}  // namespace kycli

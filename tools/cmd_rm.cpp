@@ -1,0 +1,68 @@
+// kystore rm [-r] FILE PATH: removes a stream, or a folder with -r when it
+// is not empty.
+#include <memory>
+
+#include "commands.h"
+#include "kystore.h"
+#include "storage_util.h"
+#include "stream_path.h"
+
+namespace kycli {
+
+namespace {
+
+const char kRmSynopsis[] = "kystore rm [-r] FILE PATH";
+
+struct RmOptions {
+  std::string file;
+  std::string path;
+  bool recursive = false;
+};
+
+bool HasChildren(kyStream* folder) {
+  int64_t cursor = 0;
+  kyStream* child = folder->OpenStreamFirst(&cursor, kModeReadShared);
+  if (child == nullptr) return false;
+  child->Release();
+  return true;
+}
+
+int RunRm(const RmOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
+  OpenedStorage storage(opt.file, true);
+  if (!storage) return kExitFailure;
+  StreamChain chain;
+  size_t failedAt = 0;
+  PathResult result = OpenPath(storage.get(), path, kModeReadWriteShared, chain, failedAt);
+  if (result != PathResult::kOpened) {
+    Complain(opt.file, DescribePathFailure(result, path, failedAt));
+    return kExitFailure;
+  }
+  std::string subject = opt.file + ": " + JoinPath(path);
+  // Like the shell's rm, a folder with something in it goes only with -r.
+  if (!opt.recursive && chain.Leaf()->IsFolder() && HasChildren(chain.Leaf())) {
+    Complain(subject, "folder not empty (use -r)");
+    return kExitFailure;
+  }
+  if (!chain.Leaf()->Remove()) {
+    Complain(subject, "cannot remove");
+    return kExitFailure;
+  }
+  chain.DropLeaf();  // Remove has destroyed the object
+  return kExitOk;
+}
+
+}  // namespace
+
+Command RegisterRm(CLI::App& app, int& status) {
+  auto opt = std::make_shared<RmOptions>();
+  CLI::App* sub = app.add_subcommand("rm", "Remove a stream or a folder");
+  sub->add_flag("-r,--recursive", opt->recursive, "Remove a folder with everything in it");
+  sub->add_option("FILE", opt->file, "The storage file")->required();
+  sub->add_option("PATH", opt->path, "The stream or folder to remove")->required();
+  sub->callback([opt, &status] { status = RunRm(*opt); });
+  return {sub, kRmSynopsis};
+}
+
+}  // namespace kycli
