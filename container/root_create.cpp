@@ -50,12 +50,14 @@ int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
   block.d32.head.dwMagic = kDirectoryBlockMagic;
   block.d32.head.dwSlotCount = m_wSlotsPerBlock;
   if (!WriteAll(m_hFile, block.raw, size)) return -1;
+  // From here on no data block ends the file, whether or not the link below
+  // is written: none may grow in place over the new block.
+  m_lastAppended = at + size;
 
   if (SetFilePointer(m_hFile, lastBlock + 8, FILE_BEGIN) == -1) return -1;
   const int64_t link64 = at;
   const DWORD link32 = static_cast<DWORD>(at);
   if (!(b64 ? WriteAll(m_hFile, &link64, 8) : WriteAll(m_hFile, &link32, 4))) return -1;
-  m_lastAppended = at + size;
   return at;
 }
 

@@ -19,6 +19,7 @@ using kytest::Get32;
 using kytest::Get64;
 
 const DWORD kRW = kModeReadWriteShared;
+const DWORD kRO = kModeReadShared;
 
 class RootCreateTest : public ::testing::TestWithParam<bool> {
  protected:
@@ -200,6 +201,35 @@ TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
     o->Release();
     r->Release();
   }
+}
+
+// A data block that ended the file before a directory block was appended
+// must not grow in place over it.
+TEST_P(RootCreateTest, NewDirectoryBlockStopsInPlaceGrowth) {
+  kyStorage* s = Make();
+  kyStream* a = s->CreateStream("a", kRW);
+  ASSERT_NE(nullptr, a);
+  const std::string first(50, 'x'), second(300, 'y');
+  ASSERT_EQ(50, a->Write(first.data(), 50));
+  FillOrdinary(s, 58);  // o57 is the 59th: it appends the second block
+  const int64_t dirEnd = kytest::FileSize(path);
+  ASSERT_EQ(dirEnd, kyTestAccess::LastAppended(s));
+  ASSERT_EQ(0, a->Seek(0, 1));  // the shared position moved: back to the end
+  ASSERT_EQ(50, a->GetCurDataPos());
+  ASSERT_EQ(300, a->Write(second.data(), 300));
+  a->Release();
+  s->Release();
+
+  kyStorage* r = kyStorage::Open(path.c_str(), kRO, 64, 1);
+  ASSERT_NE(nullptr, r);
+  EXPECT_EQ(59, kyTestAccess::Map(r).GetCount());
+  kyStream* back = r->OpenStream("a", kRO);
+  ASSERT_NE(nullptr, back);
+  std::string got(350, '\0');
+  EXPECT_EQ(350, back->Read(&got[0], 350));
+  EXPECT_EQ(first + second, got);
+  back->Release();
+  r->Release();
 }
 
 TEST_P(RootCreateTest, FolderWithDuration) {
