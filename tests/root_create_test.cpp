@@ -431,6 +431,46 @@ TEST_P(RootCreateTest, DamagedChainFailsCleanly) {
   s->Release();
 }
 
+// A file with the older 26-byte header: 32-bit offsets, the root directory
+// at 26 and two fast slots.
+TEST(LegacyRootTest, TwoFastSlotsAndTheDirectoryAtTwentySix) {
+  kytest::TempDir dir;
+  const std::string path = dir.File("legacy.kys");
+  Bytes img(26 + 5132, 0);
+  memcpy(img.data(), "@_RK_Structured_Storage@_", 25);
+  kytest::Put32(img, 26, kDirectoryBlockMagic);
+  kytest::Put32(img, 30, 64);
+  for (int i = 0; i < 64; ++i) kytest::Put32(img, 26 + 12 + 80 * i, kStreamHeaderMagic);
+  kytest::WriteAll(path, img);
+
+  kyStorage* s = kyStorage::Open(path.c_str(), kRW, 64, 0);
+  ASSERT_NE(nullptr, s);
+  kyStream* ord = s->CreateStream("ord", kRW);
+  ASSERT_NE(nullptr, ord);
+  EXPECT_EQ(26 + 12 + 80 * 2, kyTestAccess::Offset(ord).headerOffset);
+  ord->Release();
+  for (int i = 0; i < 2; ++i) {
+    kyStream* f = s->CreateStreamFast(("f" + std::to_string(i)).c_str(), kRW);
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(26 + 12 + 80 * i, kyTestAccess::Offset(f).headerOffset);
+    f->Release();
+  }
+  EXPECT_EQ(nullptr, s->CreateStreamFast("f2", kRW));
+  kyStream* first = s->OpenStreamFirst(kRO);
+  ASSERT_NE(nullptr, first);
+  EXPECT_STREQ("ord", first->GetName());
+  first->Release();
+  s->Release();
+
+  kyStorage* r = kyStorage::OpenFast(path.c_str(), kRO, 64);
+  ASSERT_NE(nullptr, r);
+  kyStream* f1 = r->OpenStreamFast("f1", kRO);
+  ASSERT_NE(nullptr, f1);
+  f1->Release();
+  EXPECT_EQ(nullptr, r->OpenStreamFast("ord", kRO));  // slot 2 is not a fast slot here
+  r->Release();
+}
+
 INSTANTIATE_TEST_SUITE_P(Widths, RootCreateTest, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& i) {
                            return i.param ? "Offsets64" : "Offsets32";
