@@ -51,6 +51,8 @@ kyStream* kyStorage::OpenStreamNext(void*& cursor, DWORD mode) {
     m_streamMap.GetNextSorted(index, name, offset);
     cursor = IndexCursor(index);
   } else {
+    // A position in the hash table: valid only while the map is unchanged,
+    // as the header says of every unsorted walk.
     if (cursor == nullptr) return nullptr;
     POSITION pos = static_cast<POSITION>(cursor);
     m_streamMap.GetNextAssoc(pos, name, offset);
@@ -108,12 +110,10 @@ bool Qualifies(kyStream* stm, const char* name, bool wantFolder) {
   return name == nullptr || name[0] == '\0' || strcmp(name, stm->GetName()) == 0;
 }
 
-}  // namespace
-
 // Opens the root streams one by one in the order of the map walk and keeps
 // the first that qualifies; the others are released before the next open.
 // A null name is taken as an empty one: any name qualifies.
-static kyStream* FindRoot(kyStorage* storage, const char* name, bool wantFolder, DWORD mode) {
+kyStream* FindRoot(kyStorage* storage, const char* name, bool wantFolder, DWORD mode) {
   void* cursor = nullptr;
   for (kyStream* stm = storage->OpenStreamFirst(cursor, mode); stm != nullptr;
        stm = storage->OpenStreamNext(cursor, mode)) {
@@ -122,6 +122,8 @@ static kyStream* FindRoot(kyStorage* storage, const char* name, bool wantFolder,
   }
   return nullptr;
 }
+
+}  // namespace
 
 kyStream* kyStorage::FindRootStream(const char* name) {
   return FindRoot(this, name, false, kModeReadShared);

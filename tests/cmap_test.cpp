@@ -31,7 +31,8 @@ class WalkModel {
  public:
   static uint32_t Hash(const std::string& s) {
     uint32_t h = 0;
-    for (char c : s) h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
+    for (char c : s)
+      h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
     return h;
   }
   void Insert(const std::string& s) {
@@ -55,9 +56,8 @@ class WalkModel {
   std::map<uint32_t, std::vector<std::string>> m_buckets;
 };
 
-const char* const kNames[] = {"alpha", "beta",  "gamma", "delta",     "epsilon",   "zeta",
-                              "eta",   "theta", "iota",  "kappa",     "lambda",    "caf\xe9",
-                              "\xff\xfe"};
+const char* const kNames[] = {"alpha", "beta", "gamma", "delta",  "epsilon", "zeta",    "eta",
+                              "theta", "iota", "kappa", "lambda", "caf\xe9", "\xff\xfe"};
 
 TEST(HashKeyTest, BytesCountAsSignedChars) {
   EXPECT_EQ(0u, HashKey(""));
@@ -73,7 +73,7 @@ TEST(HashKeyTest, BytesCountAsSignedChars) {
 TEST(CMapWalkTest, BucketsAscendingNewestFirst) {
   NameMap map;
   for (int i = 0; i < 13; ++i) map[kNames[i]] = i;
-  const std::vector<std::string> expected = {"\xff\xfe", "gamma",   "beta",   "delta", "iota",
+  const std::vector<std::string> expected = {"\xff\xfe", "gamma",   "beta",   "delta",   "iota",
                                              "kappa",    "epsilon", "lambda", "caf\xe9", "theta",
                                              "alpha",    "zeta",    "eta"};
   EXPECT_EQ(expected, Walk(map));

@@ -28,7 +28,8 @@ Names ExpectedHashOrder(const Names& insertionOrder) {
   std::map<uint32_t, Names> buckets;
   for (const std::string& n : insertionOrder) {
     uint32_t h = 0;
-    for (char c : n) h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
+    for (char c : n)
+      h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
     Names& b = buckets[h % 17];
     b.insert(b.begin(), n);
   }

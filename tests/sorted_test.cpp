@@ -149,7 +149,7 @@ TEST_P(SortedTest, OtherNamesAreSkippedAndKeepZero) {
   // "0000001g" has eight characters but is no hexadecimal number: it is
   // treated like a name of another length.
   for (const char* n : {"00000010", "00000015x", "0000001g", "00000020", "0000FFFF", "x"}) Add(n);
-  const Durations expected = {{"00000010", 16}, {"00000015x", 0}, {"0000001g", 0},
+  const Durations expected = {{"00000010", 16},    {"00000015x", 0},    {"0000001g", 0},
                               {"00000020", 65503}, {"0000FFFF", 65503}, {"x", 0}};
   EXPECT_EQ(expected, Iterate());
 }
