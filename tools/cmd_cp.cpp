@@ -34,6 +34,26 @@ bool IsInside(const StreamPath& path, const StreamPath& outer) {
   return path.size() >= outer.size() && std::equal(outer.begin(), outer.end(), path.begin());
 }
 
+// Whether every stream below `src` has a counterpart of the same kind and
+// length below `dst`.  CopyFolder counts an empty source stream as a failed
+// copy (there is nothing to copy, and the destination has been emptied),
+// so its result alone cannot tell a complete copy of such a folder.
+bool CopyMatches(kyStream* src, kyStream* dst, int depth) {
+  if (depth > 1000) return false;  // deeper than any real tree: damage
+  int64_t cursor = 0;
+  for (kyStream* child = src->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
+       child = src->OpenStreamNext(&cursor, kModeReadShared)) {
+    kyStream* copy = dst->OpenStream(child->GetName(), kModeReadShared);
+    bool same = copy != nullptr && copy->IsFolder() == child->IsFolder() &&
+                (child->IsFolder() ? CopyMatches(child, copy, depth + 1)
+                                   : copy->GetLength() == child->GetLength());
+    if (copy != nullptr) copy->Release();
+    child->Release();
+    if (!same) return false;
+  }
+  return true;
+}
+
 // Copies the opened source into `dstPath` of `dst`, made like the source
 // (folder or data stream) when it does not exist.  A folder merges into an
 // existing folder as CopyFolder does.
@@ -53,7 +73,7 @@ int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std
   }
   if (folder) {
     // CopyFolder refuses a destination inside the source itself.
-    if (!src->CopyFolder(chain.Leaf())) {
+    if (!src->CopyFolder(chain.Leaf()) && !CopyMatches(src, chain.Leaf(), 0)) {
       Complain(subject, "the folder was not copied completely");
       return kExitFailure;
     }
