@@ -47,10 +47,16 @@ int64_t kyStream::SlotOffsetJustRead() {
   return at;
 }
 
+// A damaged length can claim more than the file holds. The file's size is
+// asked only for lengths that ordinary folders do not reach, so that a lookup
+// in an ordinary folder costs no extra call.
 int64_t kyStream::MaxSlotReads() {
+  const int64_t kOrdinaryFolderBytes = 1 << 20;
   int64_t bytes = GetLength();
-  const int64_t fileSize = m_pStorage != nullptr ? m_pStorage->CurrentFileSize() : -1;
-  if (fileSize >= 0 && fileSize < bytes) bytes = fileSize;
+  if (bytes > kOrdinaryFolderBytes && m_pStorage != nullptr) {
+    const int64_t fileSize = m_pStorage->CurrentFileSize();
+    if (fileSize >= 0 && fileSize < bytes) bytes = fileSize;
+  }
   if (bytes < 0) bytes = 0;
   return bytes / HeaderWidth() + 1;
 }

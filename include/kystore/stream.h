@@ -111,11 +111,19 @@ class kyStream {
   // not a folder, the name is null, empty or exists (when looked up), or a
   // write fails.
   kyStream* CreateStream(const char* name, DWORD dwType, DWORD dwMode, int bCheckExisting);
+  // OpenStream(name, 0x16), else CreateStream(name, type, 0x16, 1).
   kyStream* OpenOrCreateStream(const char* name, int type);
+  // OpenStream(name, dwMode), else CreateStream(name, dwType, dwMode, 0);
+  // null (nothing created) when the child exists but refuses the open.
   kyStream* OpenOrCreateStream(const char* name, DWORD dwType, DWORD dwMode);
 
   // Finds the child `name` (exact bytes); fills its header and locator.
+  // With preloaded children the map answers, checked against the child's
+  // slot.  Moves this folder's cursor: seek before reading its data again.
   bool FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOffset& offset);
+  // Opens the child `name` as a new object owned by the caller.  Null when
+  // this is not a folder, the name is null, empty or missing, or the
+  // child's registry record refuses `dwMode`.
   kyStream* OpenStream(const char* name, DWORD dwMode);
   // Walks the used child slots in slot order; *pCursor holds the data
   // position past the last slot examined.  Null at the end, on damage, or
@@ -130,13 +138,24 @@ class kyStream {
 
   // --- preloaded children ---------------------------------------------------
 
+  // Reads this folder's used children once into a map owned by this object
+  // (no map when the count cannot be read; a second call does nothing).
+  // Lookups then answer from the map and creations through this object
+  // keep it up to date.
   void PreloadChildren();
+  // Walk the map in hash order, or in name order after EnableSorting(1,
+  // order), opening each child.  Null at the end, without a map, or when
+  // the child's registry refuses the mode (the cursor has moved past it).
   kyStream* OpenPreloadChildrenFirst(void** cursor, DWORD dwMode);
   kyStream* OpenPreloadChildrenNext(void** cursor, DWORD dwMode);
+  // The same walk without opening: 1 with the child's header, locator and
+  // name, 0 (value zeroed, name empty) at the end or without a map.
   int GetPreloadChildrenOffsetFirst(void** cursor, DWORD unused, t_kyStreamWithOffset& value,
                                     CString& name);
   int GetPreloadChildrenOffsetNext(void** cursor, DWORD unused, t_kyStreamWithOffset& value,
                                    CString& name);
+  // Opens the child whose slot `offset` locates, as it is on disk now; null
+  // when the slot no longer carries `name`.
   kyStream* OpenPreloadChildrenByOffset(t_kyStreamU& header, tag_kyStreamOffset& offset,
                                         const char* name, DWORD dwMode);
 
@@ -146,13 +165,19 @@ class kyStream {
   // success.  Refused (false, nothing changed) without the write bit or while
   // another object of this stream or of anything below it is open.
   bool Remove();
+  // Removes every child of this folder that can be removed.
   void ClearFolder();
   // Renames the stream (1 to 60 characters kept).  False without the write
   // bit, for an empty name, or when the header cannot be written.
   bool Rename(const char* newName);
+  // Erases `dst` and copies this stream's data from its cursor into it.
+  // False for an empty source, for `dst` being this same stream, or when a
+  // read or write comes short (`dst` then holds what was copied).
   bool CopyStream(kyStream* dst);
-  // Copies this folder's children into `dst`, merging.  Refused when `dst`
-  // is this folder or lies below it.
+  // Copies this folder's children into `dst` (of any storage), merging:
+  // children of the same kind are overwritten, of the other kind replaced.
+  // A data stream copies itself with CopyStream.  Refused, with nothing
+  // written, when `dst` is this folder or lies below it.
   bool CopyFolder(kyStream* dst);
 
  protected:
