@@ -1,0 +1,309 @@
+// Streams whose blocks are damaged: bad magic, loops, links that leave the
+// file, impossible ends.  Every operation ends with its failure result (or
+// with what it could do before the damage), never with a hang or a crash.
+
+#include <functional>
+
+#include "support/stream_fixture.h"
+
+using kytest::BlockOnDisk;
+using kytest::Bytes;
+using kytest::HeaderOnDisk;
+using kytest::Pattern;
+
+namespace {
+
+// Stream "A" with two blocks of capacity 16: the first full, the second
+// holding 4 bytes.  Stream "C" lies between them.
+class StreamDamage : public kytest::StreamTest {
+ protected:
+  void SetUp() override {
+    kyStorage* s = CreateStorage(16);
+    kyStream* a = NewStream(s, "A");
+    kyStream* c = NewStream(s, "C");
+    data = Pattern(20, 21);
+    a1 = Size();
+    ASSERT_EQ(a->Write(data.data(), 16), 16);
+    ASSERT_EQ(c->Write("c", 1), 1);
+    a2 = Size();
+    ASSERT_EQ(a->Seek(0, 1), 0);
+    ASSERT_EQ(a->Write(data.data() + 16, 4), 4);
+    ASSERT_EQ(BlockAt(a1).nextBlock, a2);
+    header = HeaderOffset(a);
+    a->Release();
+    c->Release();
+    s->Release();
+    pristine = kytest::ReadAll(path);
+  }
+
+  void Damage(const std::function<void(Bytes&)>& change) {
+    Bytes image = pristine;
+    change(image);
+    kytest::WriteAll(path, image);
+    damaged = image;
+  }
+  void SetBlock(Bytes& image, int64_t block, int field, int64_t value) const {
+    PutBlockField(image, block, field, value);
+  }
+
+  // Puts the damaged image back (an earlier pass may have repaired it) and
+  // opens the storage (writable, or read-only in memory) and A in it.
+  bool OpenA(bool inMemory) {
+    kytest::WriteAll(path, damaged);
+    storage =
+        inMemory ? OpenStorage(kModeReadShared, 16, 1) : OpenStorage(kModeReadWriteShared, 16);
+    if (storage == nullptr) return false;
+    a = storage->OpenStream("A", kModeReadWriteShared);
+    return a != nullptr;
+  }
+  void TearDown() override {
+    if (a) a->Release();
+    if (storage) storage->Release();
+  }
+  struct Cursor {
+    int64_t block, blockPos, dataPos;
+    bool operator==(const Cursor& o) const {
+      return block == o.block && blockPos == o.blockPos && dataPos == o.dataPos;
+    }
+  };
+  Cursor CursorOf() const {
+    return {kyTestAccess::CurBlock(a), kyTestAccess::BlockPos(a), kyTestAccess::DataPos(a)};
+  }
+
+  // Everything a reader can do; none of it may hang or crash.
+  void ExerciseReads() {
+    Bytes buf(4096);
+    a->Read(buf.data(), 4096);
+    a->Seek(0, 0);
+    a->Read(buf.data(), 7);
+    a->Seek(3, 2, false);
+    a->Seek(100000, 0);
+    a->Seek(0, 1);
+    a->Seek(2, 1);
+    a->Seek2(-3, 0);
+    a->Read(buf.data(), 100);
+    BYTE* copy = nullptr;
+    a->Seek(0, 0);
+    a->CopyStreamToBuffer(copy, TRUE);
+    a->FreeBuffer(copy);
+    int64_t len = 0;
+    a->GetVerifiedDataLength(len);
+  }
+
+  Bytes data;
+  Bytes pristine;
+  Bytes damaged;
+  int64_t a1 = 0;
+  int64_t a2 = 0;
+  int64_t header = 0;
+  kyStorage* storage = nullptr;
+  kyStream* a = nullptr;
+};
+
+INSTANTIATE_TEST_SUITE_P(Widths, StreamDamage, ::testing::Bool(), kytest::WidthName);
+
+TEST_P(StreamDamage, BadMagicInTheFirstBlock) {
+  Damage([&](Bytes& im) { kytest::Put32(im, static_cast<size_t>(a1), 0xFAFAFAFB); });
+  for (int mem = 0; mem < 2; ++mem) {
+    ASSERT_TRUE(OpenA(mem));
+    Bytes buf(100);
+    EXPECT_EQ(a->Read(buf.data(), 100), -1);
+    EXPECT_EQ(a->Seek(0, 0), -1);
+    EXPECT_EQ(a->Seek(5, 0), -1);
+    BYTE* copy = reinterpret_cast<BYTE*>(1);
+    EXPECT_EQ(a->CopyStreamToBuffer(copy, FALSE), 0u);
+    EXPECT_EQ(copy, nullptr);
+    if (!mem) {
+      // Nothing to come back to: the write fails and changes nothing.
+      EXPECT_EQ(a->Write("xyz", 3), -1);
+      EXPECT_EQ(kytest::ReadAll(path), damaged);
+    }
+    TearDown();
+    a = nullptr;
+    storage = nullptr;
+  }
+}
+
+TEST_P(StreamDamage, BadMagicInTheSecondBlock) {
+  Damage([&](Bytes& im) { kytest::Put32(im, static_cast<size_t>(a2), 0); });
+  ASSERT_TRUE(OpenA(false));
+  Bytes buf(100);
+  EXPECT_EQ(a->Read(buf.data(), 100), -1);
+  EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 16), Bytes(data.begin(), data.begin() + 16));
+  ASSERT_EQ(a->Seek(16, 0), 0);
+  const Cursor at16 = CursorOf();
+  EXPECT_EQ(a->Seek(17, 0), -1);
+  EXPECT_EQ(a->Seek(1, 2, true), -1);
+  EXPECT_EQ(CursorOf(), at16);
+}
+
+// A write that meets an unreadable next block cuts the link and carries on
+// in a fresh block.
+TEST_P(StreamDamage, WriteReplacesAnUnreadableNextBlock) {
+  Damage([&](Bytes& im) { kytest::Put32(im, static_cast<size_t>(a2), 0); });
+  ASSERT_TRUE(OpenA(false));
+  const int64_t end = Size();
+  ASSERT_EQ(a->Seek(16, 0), 0);
+  const Bytes more = Pattern(10, 77);
+  ASSERT_EQ(a->Write(more.data(), 10), 10);
+  EXPECT_EQ(Size(), end + H() + 16);
+  BlockOnDisk first = BlockAt(a1);
+  EXPECT_EQ(first.nextBlock, end);
+  EXPECT_EQ(first.usedEnd, H() + 16);
+  BlockOnDisk fresh = BlockAt(end);
+  EXPECT_EQ(fresh.magic, 0xFAFAFAFAu);
+  EXPECT_EQ(fresh.prevBlock, a1);
+  EXPECT_EQ(fresh.usedEnd, H() + 10);
+  HeaderOnDisk hdr = HeaderAt(header);
+  EXPECT_EQ(hdr.length, 26);
+  EXPECT_EQ(hdr.lastBlock, end);
+  EXPECT_EQ(Contents(a, 26), kytest::Concat(Bytes(data.begin(), data.begin() + 16), more));
+}
+
+TEST_P(StreamDamage, LinkPastTheEndOfTheFile) {
+  Damage([&](Bytes& im) { SetBlock(im, a1, 4, static_cast<int64_t>(im.size()) + 1000); });
+  for (int mem = 0; mem < 2; ++mem) {
+    ASSERT_TRUE(OpenA(mem));
+    Bytes buf(100);
+    EXPECT_EQ(a->Read(buf.data(), 100), -1);
+    EXPECT_EQ(a->Seek(17, 0), -1);
+    ASSERT_EQ(a->Seek(16, 0), 0);
+    if (!mem) {
+      ASSERT_EQ(a->Write("xyz", 3), 3);
+      EXPECT_EQ(BlockAt(a1).nextBlock, static_cast<int64_t>(damaged.size()));
+      EXPECT_EQ(Contents(a, 19),
+                kytest::Concat(Bytes(data.begin(), data.begin() + 16), Bytes({'x', 'y', 'z'})));
+    } else {
+      EXPECT_EQ(a->Write("xyz", 3), 0);
+    }
+    TearDown();
+    a = nullptr;
+    storage = nullptr;
+  }
+}
+
+TEST_P(StreamDamage, NegativeLinkFailsTheWriteWithoutChange) {
+  if (!B64()) GTEST_SKIP() << "32-bit links cannot be negative";
+  Damage([&](Bytes& im) { SetBlock(im, a1, 4, -40); });
+  ASSERT_TRUE(OpenA(false));
+  Bytes buf(100);
+  EXPECT_EQ(a->Read(buf.data(), 100), -1);
+  ASSERT_EQ(a->Seek(16, 0), 0);
+  EXPECT_EQ(a->Write("xyz", 3), -1);
+  EXPECT_EQ(kytest::ReadAll(path), damaged);
+}
+
+TEST_P(StreamDamage, LoopOfEmptyBlocksEndsEveryWalk) {
+  Damage([&](Bytes& im) {
+    for (int64_t b : {a1, a2}) {
+      SetBlock(im, b, 1, H());
+      SetBlock(im, b, 2, H());
+    }
+    SetBlock(im, a2, 4, a1);
+  });
+  for (int mem = 0; mem < 2; ++mem) {
+    ASSERT_TRUE(OpenA(mem));
+    Bytes buf(10);
+    EXPECT_EQ(a->Read(buf.data(), 10), -1);
+    EXPECT_EQ(a->Seek(1, 0), -1);
+    EXPECT_EQ(a->Seek(0, 1), 0);  // the recorded last block, no walk
+    EXPECT_EQ(a->Seek(1, 1), -1);
+    if (!mem) {
+      EXPECT_EQ(a->Write("xyz", 3), -1);
+      EXPECT_EQ(kytest::ReadAll(path), damaged);
+    }
+    TearDown();
+    a = nullptr;
+    storage = nullptr;
+  }
+}
+
+TEST_P(StreamDamage, BlockLinkedToItself) {
+  Damage([&](Bytes& im) {
+    SetBlock(im, a1, 1, H());
+    SetBlock(im, a1, 4, a1);
+  });
+  ASSERT_TRUE(OpenA(false));
+  Bytes buf(10);
+  EXPECT_EQ(a->Read(buf.data(), 10), -1);
+  EXPECT_EQ(a->Seek(3, 0), -1);
+}
+
+// A loop through blocks that hold data: long walks stop once they have
+// taken more steps than the file has blocks.
+TEST_P(StreamDamage, LoopWithDataEndsLongWalks) {
+  Damage([&](Bytes& im) { SetBlock(im, a2, 4, a1); });
+  ASSERT_TRUE(OpenA(false));
+  const int64_t size = Size();
+  EXPECT_EQ(a->Seek(1 << 20, 0), -1);
+  Bytes buf(1 << 20);
+  EXPECT_EQ(a->Read(buf.data(), 1 << 20), -1);
+  ASSERT_EQ(a->Seek(0, 0), 0);
+  EXPECT_EQ(a->Write(buf.data(), 1 << 20), -1);
+  EXPECT_EQ(Size(), size);
+}
+
+TEST_P(StreamDamage, EndsBelowTheHeader) {
+  for (int field : {1, 2}) {
+    Damage([&](Bytes& im) { SetBlock(im, a1, field, H() - 1); });
+    ASSERT_TRUE(OpenA(false));
+    Bytes buf(10);
+    EXPECT_EQ(a->Read(buf.data(), 10), -1);
+    EXPECT_EQ(a->Seek(0, 0), -1);
+    EXPECT_EQ(a->Write("xyz", 3), -1);
+    EXPECT_EQ(kytest::ReadAll(path), damaged);
+    TearDown();
+    a = nullptr;
+    storage = nullptr;
+  }
+}
+
+// Data claimed beyond the reserved room: a write never goes backwards.
+TEST_P(StreamDamage, UsedEndBeyondAllocEnd) {
+  Damage([&](Bytes& im) { SetBlock(im, a1, 2, H() + 4); });
+  ASSERT_TRUE(OpenA(false));
+  ASSERT_EQ(a->Seek(16, 0), 0);
+  ASSERT_EQ(a->Write("wxyz", 4), 4);
+  EXPECT_EQ(Range(a1 + H(), 16), Bytes(data.begin(), data.begin() + 16));
+  EXPECT_EQ(Range(a2 + H(), 4), Bytes({'w', 'x', 'y', 'z'}));
+}
+
+TEST_P(StreamDamage, ImpossiblyLargeUsedEnd) {
+  Damage([&](Bytes& im) { SetBlock(im, a1, 1, B64() ? INT64_MAX : 0xFFFFFFFFLL); });
+  for (int mem = 0; mem < 2; ++mem) {
+    ASSERT_TRUE(OpenA(mem));
+    Bytes buf(1 << 16);
+    EXPECT_EQ(a->Read(buf.data(), 1 << 16), -1);
+    ExerciseReads();
+    TearDown();
+    a = nullptr;
+    storage = nullptr;
+  }
+}
+
+// Every byte of the first block's header and of the stream header's links,
+// set to a few telling values: reading, seeking and writing survive each.
+TEST_P(StreamDamage, EveryHeaderByteDamaged) {
+  std::vector<int64_t> spots;
+  for (int64_t i = 0; i < H(); ++i) spots.push_back(a1 + i);
+  for (int64_t i = 68; i < (B64() ? 92 : 80); ++i) spots.push_back(header + i);
+  for (int64_t spot : spots) {
+    for (int value : {0x00, 0x7F, 0xFF}) {
+      Damage([&](Bytes& im) { im[static_cast<size_t>(spot)] = static_cast<uint8_t>(value); });
+      for (int mem = 0; mem < 2; ++mem) {
+        if (!OpenA(mem)) continue;
+        ExerciseReads();
+        if (!mem) {
+          a->Seek(0, 1);
+          a->Write(data.data(), 20);
+          ExerciseReads();
+        }
+        TearDown();
+        a = nullptr;
+        storage = nullptr;
+      }
+    }
+  }
+}
+
+}  // namespace
