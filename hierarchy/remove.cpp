@@ -20,7 +20,7 @@ void kyStream::RemoveChildren() {
 
 bool kyStream::Remove() {
   if ((m_dwOpenMode & kModeWrite) == 0 || m_hdr.IsFree()) return false;
-  if (m_pParent == nullptr && m_pStorage == nullptr) return false;
+  if (m_pStorage == nullptr) return false;
   const CString name = SlotName(m_hdr);
   // Another object of this stream, or of anything below it, would go on
   // writing into a slot that is free on disk or already someone else's.
