@@ -158,15 +158,15 @@ TEST(RecorderBuffer, PeekByteAndPeekAllDoNotMove) {
   EXPECT_EQ(n, 0u);
   AddText(r, "xyz");
   r.SeekToBegin();
-  unsigned char skip;
-  ASSERT_EQ(r.Read(&skip, 1, 0), 1);
+  unsigned char skip[3];
+  ASSERT_EQ(r.Read(skip, 1, 0), 1);
   EXPECT_EQ(r.PeekByte(b), 1);
   EXPECT_EQ(b, 'y');
   EXPECT_EQ(r.PeekAll(&n), kyTestAccess::Buffer(&r) + 1);
   EXPECT_EQ(n, 2u);
   EXPECT_EQ(r.GetBufferPos(), 1u);
   r.SeekToBegin();
-  ASSERT_EQ(r.Read(&skip, 3, 0), 1);
+  ASSERT_EQ(r.Read(skip, 3, 0), 1);
   EXPECT_EQ(r.PeekByte(b), 0);
 }
 

@@ -43,7 +43,12 @@ TEST(RecorderRecords, EveryKindHasItsExactBytes) {
   const RecordCase cases[] = {
       {"enter folder", RecOpEnter, "Cfg", nullptr, 1, {1, 3, 0, 'C', 'f', 'g', 1}},
       {"enter stream", RecOpEnter, "W", nullptr, 0, {1, 1, 0, 'W', 0}},
-      {"fast enter, low byte of flag", RecOpEnterFast, "ab", nullptr, 0x301, {2, 2, 0, 'a', 'b', 1}},
+      {"fast enter, low byte of flag",
+       RecOpEnterFast,
+       "ab",
+       nullptr,
+       0x301,
+       {2, 2, 0, 'a', 'b', 1}},
       {"leave ignores its name", RecOpLeave, "ignored", "x", 1, {3}},
       {"remove", RecOpRemove, "Old", nullptr, 7, {4, 3, 0, 'O', 'l', 'd'}},
       {"remove of empty name", RecOpRemove, "", nullptr, 0, {4, 0, 0}},
@@ -57,8 +62,7 @@ TEST(RecorderRecords, EveryKindHasItsExactBytes) {
       {"append without prefix", RecOpAppend, "0", "ab", 2, {6, 0, 2, 0, 0, 0, 'a', 'b'}},
       {"append flag text too long", RecOpAppend, "10", "a", 1, {6, 0, 1, 0, 0, 0, 'a'}},
   };
-  for (const RecordCase& c : cases)
-    EXPECT_EQ(Push(c.op, c.name, c.data, c.n), c.bytes) << c.what;
+  for (const RecordCase& c : cases) EXPECT_EQ(Push(c.op, c.name, c.data, c.n), c.bytes) << c.what;
 }
 
 TEST(RecorderRecords, LongDataLengthIsLittleEndian) {

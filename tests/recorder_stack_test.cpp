@@ -109,10 +109,10 @@ class RecorderStack : public ::testing::Test {
 
 TEST_F(RecorderStack, WriteTwoLevelsBelowTheRootEntersTheWholeChain) {
   rec.OpWrite(U("640"), 3, 0, entry, 1);
-  const Bytes expected = {1, 1, 0, 'R', 1,                     // enter R, folder
-                          1, 1, 0, 'F', 1,                     // enter F, folder
-                          1, 1, 0, 'E', 0,                     // enter E
-                          5, 0, 1, 3, 0, 0, 0, '6', '4', '0'};  // write
+  const Bytes expected = {1, 1, 0, 'R', 1,                        // enter R, folder
+                          1, 1, 0, 'F', 1,                        // enter F, folder
+                          1, 1, 0, 'E', 0,                        // enter E
+                          5, 0, 1, 3,   0, 0, 0, '6', '4', '0'};  // write
   unsigned char* p = kyTestAccess::Buffer(&rec);
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(Bytes(p, p + rec.GetDataLength()), expected);

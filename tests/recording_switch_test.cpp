@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 
 #include "support/test_access.h"
@@ -100,6 +101,53 @@ TEST_P(RecordingSwitch, AStorageReleasedWhileRecordingDeletesItsRecorder) {
   ASSERT_EQ(storage->StartRecording(), 1);
   Recorder()->OpRemove("X", nullptr);
   storage.reset();  // the leak check of `make sanitize` catches a lost recorder
+}
+
+// Real streams of the storage: a write two levels below a root folder, the
+// streams released innermost first, as the seven records of a balanced
+// recording.
+TEST_P(RecordingSwitch, StreamsOfTheStorageRecordTheirChainAndReleases) {
+  kyStream* root = storage->CreateStream("R", 1, 0x16);
+  ASSERT_NE(root, nullptr);
+  kyStream* folder = root->CreateStream("F", 1, 0x16, 1);
+  ASSERT_NE(folder, nullptr);
+  kyStream* entry = folder->CreateStream("E", 0, 0x16, 1);
+  ASSERT_NE(entry, nullptr);
+  ASSERT_EQ(storage->StartRecording(), 1);
+  unsigned char value[4] = {0x80, 2, 0, 0};
+  Recorder()->OpWrite(value, 4, 0, entry, 1);
+  entry->Release();
+  folder->Release();
+  root->Release();
+  std::unique_ptr<CCompRecorder> got(storage->StopRecording());
+  ASSERT_NE(got, nullptr);
+  const unsigned char expected[] = {1, 1, 0, 'R', 1, 1, 1, 0,    'F', 1, 1, 1, 0, 'E', 0,
+                                    5, 0, 1, 4,   0, 0, 0, 0x80, 2,   0, 0, 3, 3, 3};
+  ASSERT_EQ(got->GetDataLength(), sizeof(expected));
+  EXPECT_EQ(memcmp(kyTestAccess::Buffer(got.get()), expected, sizeof(expected)), 0);
+}
+
+TEST_P(RecordingSwitch, FastOpenAndReleaseRecordAFastEnterAndALeave) {
+  ASSERT_EQ(storage->StartRecording(), 1);
+  kyStream* s = storage->OpenOrCreateStreamFast("10000000", 1);
+  ASSERT_NE(s, nullptr);
+  s->Release();
+  std::unique_ptr<CCompRecorder> got(storage->StopRecording());
+  ASSERT_NE(got, nullptr);
+  const unsigned char expected[] = {2, 8, 0, '1', '0', '0', '0', '0', '0', '0', '0', 1, 3};
+  ASSERT_EQ(got->GetDataLength(), sizeof(expected));
+  EXPECT_EQ(memcmp(kyTestAccess::Buffer(got.get()), expected, sizeof(expected)), 0);
+}
+
+TEST_P(RecordingSwitch, StoppingWhileAStreamIsOpenGivesAnEmptyRecorder) {
+  ASSERT_EQ(storage->StartRecording(), 1);
+  kyStream* s = storage->OpenOrCreateStreamFast("Open", 0);
+  ASSERT_NE(s, nullptr);
+  std::unique_ptr<CCompRecorder> got(storage->StopRecording());
+  ASSERT_NE(got, nullptr);
+  EXPECT_EQ(got->GetDataLength(), 0u);
+  s->Release();  // no recorder any more: nothing is recorded anywhere
+  EXPECT_EQ(got->GetDataLength(), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(OffsetWidths, RecordingSwitch, ::testing::Bool(),
