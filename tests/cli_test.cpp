@@ -421,6 +421,39 @@ TEST(Cli, TreeEndsAtAFolderThatContainsItself) {
   EXPECT_EQ(r.status, 0) << r.err;
 }
 
+TEST_P(CliWidth, CatOfADamagedChainFailsCleanly) {
+  std::string file = MakeStorage("s.kys");
+  RunOk(dir, {"put", file, "Data"}, Pattern(10000, 3));
+  // Break the magic of the stream's first data block (slot 6 of the root).
+  Bytes image = kytest::ReadAll(file);
+  size_t slot = GetParam() ? 32 + 16 + 92 * 6 : 32 + 12 + 80 * 6;
+  size_t first = GetParam() ? static_cast<size_t>(kytest::Get64(image, slot + 84))
+                            : kytest::Get32(image, slot + 76);
+  ASSERT_EQ(kytest::Get32(image, first), 0xFAFAFAFAu);
+  kytest::Put32(image, first, 0);
+  kytest::WriteAll(file, image);
+  CliResult r = RunCli(dir, {"cat", file, "Data"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("Data: cannot read the stream"), std::string::npos) << r.err;
+  // The header is intact, so the listing still shows the stream.
+  EXPECT_EQ(RunOk(dir, {"tree", file}), "Data        10000\n");
+}
+
+TEST(Cli, DirectoriesAreNeitherStoragesNorSources) {
+  kytest::TempDir dir;
+  std::string file = dir.File("s.kys");
+  RunOk(dir, {"create", file});
+  CliResult info = RunCli(dir, {"info", dir.path()});
+  EXPECT_EQ(info.status, 1);
+  EXPECT_EQ(info.err, "kystore: " + dir.path() + ": is a directory\n");
+  RunOk(dir, {"put", file, "Kept"}, "contents");
+  CliResult put = RunCli(dir, {"put", file, "Kept", dir.path()});
+  EXPECT_EQ(put.status, 1);
+  EXPECT_EQ(put.err, "kystore: " + dir.path() + ": is a directory\n");
+  EXPECT_EQ(RunOk(dir, {"cat", file, "Kept"}), "contents");
+}
+
 std::string RecordingBytes() {
   std::string b;
   auto u16 = [&b](unsigned v) { b += char(v & 0xFF), b += char(v >> 8); };

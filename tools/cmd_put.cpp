@@ -1,5 +1,7 @@
 // kystore put FILE PATH [SRC]: stores a file (or standard input) as a
 // stream's data.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -67,6 +69,13 @@ int RunPut(const PutOptions& opt) {
   StreamPath path;
   if (!ParsePathArgument(opt.path, kPutSynopsis, path)) return kExitUsage;
   std::string inputName = opt.source.empty() ? "standard input" : opt.source;
+  // The stream is emptied before the data are read, so a source that
+  // cannot be read at all is refused first.
+  struct stat st;
+  if (!opt.source.empty() && stat(opt.source.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    Complain(opt.source, "is a directory");
+    return kExitFailure;
+  }
   Input in(opt.source.empty() ? stdin : fopen(opt.source.c_str(), "rb"));
   if (!in) {
     Complain(opt.source, strerror(errno));

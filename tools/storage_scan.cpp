@@ -1,5 +1,7 @@
 #include "storage_scan.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -129,6 +131,11 @@ const NamedSlot* StorageScan::FindMapped(const std::string& name) const {
 
 bool ScanStorage(const std::string& path, StorageScan& scan, std::string& error) {
   scan = StorageScan();
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    error = "is a directory";
+    return false;
+  }
   FilePtr f(fopen(path.c_str(), "rb"));
   if (!f) {
     error = strerror(errno);

@@ -1,6 +1,7 @@
 #include "storage_util.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,10 +12,11 @@ namespace kycli {
 
 namespace {
 
-std::string WhyNotOpened(const std::string& file) {
+std::string WhyNotOpened(const std::string& file, bool writable) {
   struct stat st;
   if (stat(file.c_str(), &st) != 0) return strerror(errno);
   if (S_ISDIR(st.st_mode)) return "is a directory";
+  if (access(file.c_str(), writable ? R_OK | W_OK : R_OK) != 0) return strerror(errno);
   if (file.size() >= MAX_PATH) return "path too long (at most 259 characters)";
   return "not a storage file, or its directory is damaged";
 }
@@ -24,7 +26,7 @@ std::string WhyNotOpened(const std::string& file) {
 OpenedStorage::OpenedStorage(const std::string& file, bool writable)
     : m_storage(kyStorage::Open(file.c_str(), writable ? kModeReadWriteShared : kModeReadShared,
                                 4096, 0)) {
-  if (m_storage == nullptr) Complain(file, WhyNotOpened(file));
+  if (m_storage == nullptr) Complain(file, WhyNotOpened(file, writable));
 }
 
 OpenedStorage::~OpenedStorage() {
