@@ -13,19 +13,23 @@
 
 namespace {
 
-// The header of a stream about to be created in `freeSlot`.  The slot's
-// block chain (left by a removed stream) is taken over; the length starts
-// at 0.
+// The header of a stream about to be created in `freeSlot`.  A data stream
+// takes over the slot's block chain (left by a removed stream) and starts
+// with length 0.  A folder starts a chain of its own: the old chain's blocks
+// may have spare room and further linked blocks, and a child slot written
+// into them could straddle two blocks or be followed by stale bytes that a
+// slot walk would read as children.
 t_kyStreamU NewHeader(const char* name, DWORD dwType, const t_kyStreamU& freeSlot, bool b64) {
   t_kyStreamU header;
   memset(&header, 0, sizeof(header));
   header.Magic() = kStreamHeaderMagic;
   strncpy(header.Name(), name, kMaxNameLength);
   header.Duration() = static_cast<WORD>(dwType >> 16);
-  header.Flags() = (dwType & 0xFF) != 0 ? kFolderFlag : 0;
+  const bool folder = (dwType & 0xFF) != 0;
+  header.Flags() = folder ? kFolderFlag : 0;
   header.SetLength(b64, 0);
-  header.SetLastBlock(b64, freeSlot.LastBlock(b64));
-  header.SetFirstBlock(b64, freeSlot.FirstBlock(b64));
+  header.SetLastBlock(b64, folder ? 0 : freeSlot.LastBlock(b64));
+  header.SetFirstBlock(b64, folder ? 0 : freeSlot.FirstBlock(b64));
   return header;
 }
 

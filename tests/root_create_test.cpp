@@ -308,6 +308,39 @@ TEST_P(RootCreateTest, FreedSlotIsReusedWithItsBlocks) {
   s->Release();
 }
 
+TEST_P(RootCreateTest, FolderInAFreedSlotStartsAChainOfItsOwn) {
+  kyStorage* s = Make();
+  kyStream* a = s->CreateStream("a", kRW);
+  ASSERT_NE(nullptr, a);
+  char data[300];
+  memset(data, 0xFC, sizeof(data));  // old bytes that look like slot magic
+  ASSERT_EQ(300, a->Write(data, sizeof(data)));
+  a->Release();
+  kyStream* other = s->CreateStream("other", kRW);
+  ASSERT_EQ(1, other->Write(data, 1));  // the old chain no longer ends the file
+  other->Release();
+
+  Bytes img = kytest::ReadAll(path);
+  const int64_t at = Slot(32, 6);
+  const int64_t oldFirst = FirstBlockAt(img, at);
+  ASSERT_NE(0, oldFirst);
+  std::fill(img.begin() + at + 4, img.begin() + at + 68 + (B64() ? 8 : 4), 0);
+  kytest::WriteAll(path, img);
+  ASSERT_TRUE(s->RemoveStream("a"));
+
+  kyStream* f = s->CreateStream("f", 1, kRW);
+  ASSERT_NE(nullptr, f);
+  EXPECT_EQ(at, HeaderOffset(f));
+  EXPECT_EQ(4, f->GetLength());
+  f->Release();
+  img = kytest::ReadAll(path);
+  const int64_t first = FirstBlockAt(img, at);
+  EXPECT_NE(oldFirst, first);
+  EXPECT_GT(first, oldFirst);  // a fresh block at the end of the file
+  EXPECT_EQ(first, LastBlockAt(img, at));
+  s->Release();
+}
+
 TEST_P(RootCreateTest, ReadOnlyAndInMemoryStoragesCreateNothing) {
   kyStorage* s = Make();
   FillOrdinary(s, 58);  // the next ordinary creation would append a block

@@ -231,14 +231,14 @@ struct tag_kyStreamOffset {
   DWORD dwDuration;      // the header's wDuration times 60 (seconds)
 };
 
-#pragma pack(push, 1)
 // A header followed by its locator: the value type of a folder's preloaded
-// children.
+// children.  It lives in memory only, so it keeps its natural alignment: the
+// locator starts at 96, and callers can pass `value.offset` straight to the
+// calls that take a tag_kyStreamOffset&.
 struct t_kyStreamWithOffset {
   t_kyStreamU hdr;
   tag_kyStreamOffset offset;
 };
-#pragma pack(pop)
 
 // Sizes that depend on the offset width.
 inline int64_t StreamHeaderSize(bool b64) {
@@ -294,6 +294,7 @@ static_assert(offsetof(DataBlock64, usedEnd) == 8, "64-bit usedEnd at 8");
 static_assert(offsetof(DataBlock64, nextBlock) == 32, "64-bit nextBlock at 32");
 static_assert(offsetof(DataBlock32, nextBlock) == 16, "32-bit nextBlock at 16");
 static_assert(sizeof(tag_kyStreamOffset) == 24, "locator is 24 bytes");
-static_assert(sizeof(t_kyStreamWithOffset) == 116, "header with locator is 116 bytes");
+static_assert(offsetof(t_kyStreamWithOffset, offset) % alignof(tag_kyStreamOffset) == 0,
+              "the locator of a preloaded child is aligned");
 
 #endif  // KYSTORE_FORMAT_H_
