@@ -83,25 +83,26 @@ int ListDirectoryOrder(kyStorage* storage, const LsOptions& opt, const StorageSc
   }
 }
 
-// Name order through the storage's sorted map walk.
+// Name order through the storage's sorted map walk.  The cursor holds the
+// index of the next entry, -1 after the last, so a null stream while
+// entries remain is one that could not be opened.
 int ListNameOrder(kyStorage* storage, const LsOptions& opt, const StorageScan& scan) {
   storage->EnableSorting(1, opt.desc ? 1 : 0);
   int status = kExitOk;
   void* cursor = nullptr;
   kyStream* stm = storage->OpenStreamFirst(cursor, kModeReadShared);
-  bool first = true;
   for (;;) {
+    bool more = reinterpret_cast<intptr_t>(cursor) != -1;
     if (stm != nullptr) {
       PrintAndRelease(stm, opt, scan);
-    } else if (!first || reinterpret_cast<intptr_t>(cursor) != -1) {
+    } else if (more) {
       Complain(opt.file, "cannot open a root stream");
       status = kExitFailure;
     }
-    first = false;
+    if (!more) return status;
     void* before = cursor;
-    if (reinterpret_cast<intptr_t>(cursor) == -1) return status;
     stm = storage->OpenStreamNext(cursor, kModeReadShared);
-    if (stm == nullptr && cursor == before) return status;
+    if (stm == nullptr && cursor == before) return status;  // the view went away
   }
 }
 
