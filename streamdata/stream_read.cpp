@@ -6,6 +6,8 @@
 // the data are; the recorded length is not consulted.
 int64_t kyStream::Read(void* buf, int64_t count) {
   if (m_iCurBlock == 0 || count <= 0) return 0;
+  // No place to put the bytes: a failure, not a crash.
+  if (buf == nullptr) return -1;
   const bool b64 = W64();
   BYTE* out = static_cast<BYTE*>(buf);
   int64_t total = 0;

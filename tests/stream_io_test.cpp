@@ -81,6 +81,7 @@ TEST_P(StreamIo, ChainAcrossBlocksSurvivesReopenAndInMemoryLoad) {
     kyStream* a = s->OpenStream("A", kModeReadShared);
     ASSERT_NE(a, nullptr);
     EXPECT_EQ(a->GetLength(), 250);
+    EXPECT_EQ(a->Read(nullptr, 4), -1);
     // More than the data: what there is; then nothing at the end.
     Bytes all(400, 0);
     EXPECT_EQ(a->Read(all.data(), 400), 250);
