@@ -132,7 +132,7 @@ TEST_P(CliWidth, PutAndCatRoundTripBinaryData) {
     std::string src = dir.File("src.bin");
     kytest::WriteAll(src, Bytes(data.begin(), data.end()));
     RunOk(dir, {"put", file, "FromFile", src});
-    RunOk(dir, {"put", file, "Deep/er/FromStdin"}, data);
+    RunOk(dir, {"put", file, "Deep/er/FromStdin", "-"}, data);
     EXPECT_EQ(RunOk(dir, {"cat", file, "FromFile"}), data);
     EXPECT_EQ(RunOk(dir, {"cat", file, "Deep/er/FromStdin"}), data);
   }

@@ -22,7 +22,7 @@ const char kPutSynopsis[] = "kystore put FILE PATH [SRC]";
 struct PutOptions {
   std::string file;
   std::string path;
-  std::string source;  // empty: standard input
+  std::string source;  // empty or "-": standard input
 };
 
 struct InputCloser {
@@ -65,7 +65,8 @@ int CopyFromInput(FILE* in, kyStream* stm, const std::string& subject,
   return kExitOk;
 }
 
-int RunPut(const PutOptions& opt) {
+int RunPut(PutOptions opt) {
+  if (opt.source == "-") opt.source.clear();
   StreamPath path;
   if (!ParsePathArgument(opt.path, kPutSynopsis, path)) return kExitUsage;
   std::string inputName = opt.source.empty() ? "standard input" : opt.source;
@@ -106,7 +107,7 @@ Command RegisterPut(CLI::App& app, int& status) {
       "put", "Store a file (or standard input) as a stream's data, creating what is missing");
   sub->add_option("FILE", opt->file, "The storage file")->required();
   sub->add_option("PATH", opt->path, "The stream, e.g. Top/Mid/Leaf")->required();
-  sub->add_option("SRC", opt->source, "The file to store (default: standard input)");
+  sub->add_option("SRC", opt->source, "The file to store (default, or '-': standard input)");
   sub->callback([opt, &status] { status = RunPut(*opt); });
   return {sub, kPutSynopsis};
 }
