@@ -454,6 +454,71 @@ TEST(Cli, DirectoriesAreNeitherStoragesNorSources) {
   EXPECT_EQ(RunOk(dir, {"cat", file, "Kept"}), "contents");
 }
 
+TEST_P(CliWidth, LsShowsSlotsOfLaterDirectoryBlocksAndDescendingDurations) {
+  std::string file = MakeStorage("s.kys");
+  kyStorage* storage = kyStorage::Open(file.c_str(), 0x16, 4096, 0);
+  ASSERT_NE(storage, nullptr);
+  for (int i = 0; i < 59; ++i) {  // the 59th lands in slot 0 of a second block
+    char name[16];
+    snprintf(name, sizeof(name), "%08x", 0x100 + 10 * i);
+    kyStream* stm = storage->CreateStream(name, 0x16);
+    ASSERT_NE(stm, nullptr);
+    stm->Release();
+  }
+  storage->Release();
+  std::string listing = RunOk(dir, {"ls", "-l", file});
+  EXPECT_NE(listing.find("     0:6  00000100\n"), std::string::npos) << listing;
+  EXPECT_NE(listing.find("     1:0  00000344\n"), std::string::npos) << listing;
+  // Descending: every difference wraps around, so each takes the previous
+  // duration, and the first of all an hour.
+  std::string durations = RunOk(dir, {"ls", "--durations", "--desc", file});
+  EXPECT_EQ(durations.substr(0, 38), "   3600s  00000344\n   3600s  0000033a\n");
+}
+
+TEST_P(CliWidth, RefusalsLeaveTheFileAsItWas) {
+  std::string file = MakeStorage("s.kys");
+  RunOk(dir, {"put", file, "Top/data"}, "x");
+  Bytes before = kytest::ReadAll(file);
+  std::vector<std::vector<std::string> > refused = {
+      {"mkdir", "-p", file, "Top/data/sub"},  // through a data stream
+      {"mkdir", file, "Top"},                 // exists
+      {"rm", file, "Top"},                    // not empty
+      {"rm", file, "Nothing"},                // missing
+      {"cp", file, "Top", file, "Top"},       // onto itself
+      {"cp", file, "Top/data", file, "Top"},  // a stream onto a folder
+  };
+  for (const auto& args : refused) {
+    SCOPED_TRACE(args[0] + " " + args.back());
+    CliResult r = RunCli(dir, args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("kystore: ", 0), 0u) << r.err;
+    EXPECT_EQ(kytest::ReadAll(file), before);
+  }
+}
+
+TEST(Cli, InfoTellsWhenTheLibraryRefusesAHeader) {
+  kytest::TempDir dir;
+  std::string file = dir.File("s.kys");
+  RunOk(dir, {"create", file});
+  Bytes image = kytest::ReadAll(file);
+  kytest::Put16(image, 26, 32);  // 32 slots per block: a layout we do not know
+  kytest::WriteAll(file, image);
+  std::string out = RunOk(dir, {"info", file});
+  EXPECT_NE(out.find("slots per block:  32\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("opens:            no (the library refuses this file)\n"), std::string::npos);
+  EXPECT_EQ(RunCli(dir, {"ls", file}).status, 1);
+  EXPECT_EQ(kytest::ReadAll(file), image);
+}
+
+TEST(Cli, OverlongStoragePathsAreRefused) {
+  kytest::TempDir dir;
+  std::string file = dir.File(std::string(300 - dir.path().size(), 'p'));
+  CliResult r = RunCli(dir, {"create", file});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("path too long"), std::string::npos) << r.err;
+  EXPECT_FALSE(kytest::Exists(file));
+}
+
 std::string RecordingBytes() {
   std::string b;
   auto u16 = [&b](unsigned v) { b += char(v & 0xFF), b += char(v >> 8); };
