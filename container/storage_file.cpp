@@ -4,6 +4,7 @@
 #include <new>
 
 #include "container/directory.h"
+#include "container/file_access.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
 #include "platform/global_mem.h"
@@ -76,23 +77,16 @@ void kyStorage::LoadIntoMemory() {
   if (!GetFileSizeEx(m_hFile, &size) || size.QuadPart >= 0xFFFFFFF0LL) return;
   BYTE* image = static_cast<BYTE*>(GlobalAlloc(GMEM_FIXED, static_cast<SIZE_T>(size.QuadPart)));
   if (image == nullptr) return;
-  int64_t resume = SetFilePointer(m_hFile, 0, FILE_CURRENT);
-  SetFilePointer(m_hFile, 0, FILE_BEGIN);
+  const int64_t resume = SeekHandle(m_hFile, 0, FILE_CURRENT);
   m_pImage = image;
   m_imageSize = size.QuadPart;
   m_bInMemory = TRUE;
-  for (int64_t done = 0; done < m_imageSize;) {
-    int64_t rest = m_imageSize - done;
-    DWORD chunk = static_cast<DWORD>(rest < 0x80000000LL ? rest : 0x80000000LL);
-    DWORD got = 0;
-    if (!::ReadFile(m_hFile, m_pImage + done, chunk, &got, nullptr) || got != chunk) {
-      GlobalFree(m_pImage);
-      m_pImage = nullptr;
-      m_imageSize = 0;
-      m_bInMemory = FALSE;
-      break;
-    }
-    done += chunk;
+  if (SeekHandle(m_hFile, 0, FILE_BEGIN) != 0 ||
+      !ReadHandleExactly(m_hFile, m_pImage, m_imageSize, nullptr)) {
+    GlobalFree(m_pImage);
+    m_pImage = nullptr;
+    m_imageSize = 0;
+    m_bInMemory = FALSE;
   }
   CloseHandle(m_hFile);
   m_hFile = INVALID_HANDLE_VALUE;

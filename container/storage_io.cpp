@@ -3,50 +3,26 @@
 
 #include <cstring>
 
+#include "container/file_access.h"
 #include "kystore/storage.h"
 #include "platform/win_file.h"
-
-namespace {
-const int64_t kMaxTransfer = 0x80000000LL;  // most bytes per platform call
-}
 
 bool kyStorage::CanRead() const {
   return m_hFile != INVALID_HANDLE_VALUE || m_bInMemory;
 }
 
 int64_t kyStorage::SetFilePointer(HANDLE hFile, int64_t distance, DWORD method) {
-  if (!m_bInMemory) {
-    LARGE_INTEGER d, pos;
-    d.QuadPart = distance;
-    return SetFilePointerEx(hFile, d, &pos, method) ? pos.QuadPart : -1;
-  }
-  int64_t target;
-  switch (method) {
-    case FILE_BEGIN:
-      target = distance;
-      break;
-    case FILE_CURRENT:
-      target = m_memPos + distance;
-      break;
-    case FILE_END:
-      m_memPos = m_imageSize;
-      return m_memPos;
-    default:
-      return m_memPos;
-  }
-  // The end of the image itself is reachable only from the end.
-  if (target < 0 || target >= m_imageSize) return -1;
-  m_memPos = target;
-  return m_memPos;
+  if (!m_bInMemory) return SeekHandle(hFile, distance, method);
+  return SeekInImage(m_memPos, m_imageSize, distance, method);
 }
 
 BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
                          OVERLAPPED* overlapped) {
-  BYTE* out = static_cast<BYTE*>(buf);
   if (m_bInMemory) {
+    // The image serves what it has; callers compare the count read.
     int64_t n = count < m_imageSize - m_memPos ? count : m_imageSize - m_memPos;
     if (n < 0) n = 0;
-    if (n > 0) memcpy(out, m_pImage + m_memPos, static_cast<size_t>(n));
+    if (n > 0) memcpy(buf, m_pImage + m_memPos, static_cast<size_t>(n));
     m_memPos += n;
     if (pRead) *pRead = n;
     return TRUE;
@@ -55,12 +31,7 @@ BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
     if (pRead) *pRead = count;
     return TRUE;
   }
-  for (int64_t done = 0; done < count;) {
-    DWORD chunk = static_cast<DWORD>(count - done < kMaxTransfer ? count - done : kMaxTransfer);
-    DWORD got = 0;
-    if (!::ReadFile(hFile, out + done, chunk, &got, overlapped) || got != chunk) return FALSE;
-    done += chunk;
-  }
+  if (!ReadHandleExactly(hFile, buf, count, overlapped)) return FALSE;
   if (pRead) *pRead = count;
   return TRUE;
 }

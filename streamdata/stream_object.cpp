@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "container/file_access.h"
 #include "kystore/storage.h"
 #include "kystore/stream.h"
 #include "platform/win_file.h"
@@ -106,40 +107,12 @@ BOOL kyStream::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
     if (pRead) *pRead = n;
     return TRUE;
   }
-  BYTE* out = static_cast<BYTE*>(buf);
-  for (int64_t done = 0; done < count;) {
-    const int64_t rest = count - done;
-    DWORD chunk = static_cast<DWORD>(rest < 0x80000000LL ? rest : 0x80000000LL);
-    DWORD got = 0;
-    if (!::ReadFile(hFile, out + done, chunk, &got, overlapped) || got != chunk) return FALSE;
-    done += chunk;
-  }
+  if (!ReadHandleExactly(hFile, buf, count, overlapped)) return FALSE;
   if (pRead) *pRead = count;
   return TRUE;
 }
 
 int64_t kyStream::SetFilePointer(HANDLE hFile, int64_t distance, DWORD method) {
-  if (!StorageInMemory()) {
-    LARGE_INTEGER d, pos;
-    d.QuadPart = distance;
-    return SetFilePointerEx(hFile, d, &pos, method) ? pos.QuadPart : -1;
-  }
-  const int64_t size = m_pStorage->m_imageSize;
-  int64_t target;
-  switch (method) {
-    case FILE_BEGIN:
-      target = distance;
-      break;
-    case FILE_CURRENT:
-      target = m_memPos + distance;
-      break;
-    case FILE_END:
-      m_memPos = size;
-      return m_memPos;
-    default:
-      return m_memPos;
-  }
-  if (target < 0 || target >= size) return -1;
-  m_memPos = target;
-  return m_memPos;
+  if (!StorageInMemory()) return SeekHandle(hFile, distance, method);
+  return SeekInImage(m_memPos, m_pStorage->m_imageSize, distance, method);
 }
