@@ -1,72 +1,24 @@
 // Opening root streams by name, through the fast slots and by locator, the
 // three ways of walking them, the searches for the first root stream or
-// folder, and the child count of a root folder.
+// folder, the child count of a root folder, and the open-stream registry:
+// counting opens, the admission rule and what Release reports.
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
+#include <functional>
 #include <string>
-#include <vector>
 
-#include "kystore.h"
-#include "support/test_access.h"
-#include "support/test_util.h"
+#include "platform/win_file.h"
+#include "support/root_fixture.h"
 
 namespace {
 
-using kytest::Bytes;
+using namespace kytest;
 
-const DWORD kRW = kModeReadWriteShared;
-const DWORD kRO = kModeReadShared;
-
-typedef std::vector<std::string> Names;
-
-// The framework map's walk, computed on its own: 17 buckets by
-// h = h * 33 + (signed char)c, newest first within a bucket.
-Names ExpectedHashOrder(const Names& insertionOrder) {
-  std::map<uint32_t, Names> buckets;
-  for (const std::string& n : insertionOrder) {
-    uint32_t h = 0;
-    for (char c : n)
-      h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
-    Names& b = buckets[h % 17];
-    b.insert(b.begin(), n);
-  }
-  Names out;
-  for (const auto& b : buckets) out.insert(out.end(), b.second.begin(), b.second.end());
-  return out;
-}
-
-class RootOpenTest : public ::testing::TestWithParam<bool> {
+class RootOpenTest : public RootTest {
  protected:
-  void SetUp() override {
-    kyStorage::g_bUse64BitOffsets = B64() ? 1 : 0;
-    path = dir.File("open.kys");
-  }
-  bool B64() const { return GetParam(); }
-  int64_t HW() const { return B64() ? 92 : 80; }
-  int64_t DBS() const { return B64() ? 5904 : 5132; }
-  int64_t Slot(int64_t block, int64_t i) const { return block + (B64() ? 16 : 12) + HW() * i; }
-  kyStorage* Make() { return kyStorage::Create(path.c_str(), kRW, 64); }
-  static void Add(kyStorage* s, const std::string& name, DWORD type = 0, bool fast = false) {
-    kyStream* stm = fast ? s->CreateStreamFast(name.c_str(), type, kRW)
-                         : s->CreateStream(name.c_str(), type, kRW);
-    ASSERT_NE(nullptr, stm) << name;
-    stm->Release();
-  }
-  // Releases every stream of a map walk and returns their names.
-  static Names MapWalk(kyStorage* s) {
-    Names out;
-    void* cursor = nullptr;
-    for (kyStream* stm = s->OpenStreamFirst(cursor, kRO); stm != nullptr;
-         stm = s->OpenStreamNext(cursor, kRO)) {
-      out.push_back(stm->GetName());
-      EXPECT_EQ(1, stm->Release());
-    }
-    return out;
-  }
-  static Names DirectoryWalk(kyStorage* s) {
+  Names DirectoryWalk(kyStorage* s) {
     Names out;
     int cursor = -7;
     for (kyStream* stm = s->OpenStreamFirst2(cursor, kRO); stm != nullptr;
@@ -76,132 +28,92 @@ class RootOpenTest : public ::testing::TestWithParam<bool> {
     }
     return out;
   }
-  // Clears a slot's name on disk and drops it from the map, as a removal does.
-  void Unlink(kyStorage* s, const char* name) {
-    tag_kyStreamOffset where;
-    ASSERT_TRUE(kyTestAccess::FindStreamOffset(s, name, where));
-    Bytes img = kytest::ReadAll(path);
-    std::fill(img.begin() + where.headerOffset + 4, img.begin() + where.headerOffset + 65, 0);
-    kytest::WriteAll(path, img);
-    ASSERT_TRUE(s->RemoveStream(name));
-  }
-
-  kytest::GlobalsGuard globals;
-  kytest::TempDir dir;
-  std::string path;
 };
 
 TEST_P(RootOpenTest, ByNameFastAndMap) {
-  kyStorage* s = Make();
-  Add(s, "fast", 0, true);
-  Add(s, "ordinary");
-  s->Release();
-
+  Make();
+  Add("fast", 0, true);
+  Add("ordinary");
+  storage->Release();
   for (int how = 0; how < 3; ++how) {
     SCOPED_TRACE(how);
-    kyStorage* r = how == 2 ? kyStorage::OpenFast(path.c_str(), kRO, 64)
-                            : kyStorage::Open(path.c_str(), kRO, 64, how);
-    ASSERT_NE(nullptr, r);
-    kyStream* f = r->OpenStreamFast("fast", kRO);
+    storage = how == 2 ? kyStorage::OpenFast(path.c_str(), kRO, 64)
+                       : kyStorage::Open(path.c_str(), kRO, 64, how);
+    ASSERT_NE(nullptr, storage);
+    kyStream* f = storage->OpenStreamFast("fast", kRO);
     ASSERT_NE(nullptr, f);
-    EXPECT_EQ(Slot(32, 0), kyTestAccess::Offset(f).headerOffset);
+    EXPECT_EQ(Slot(32, 0), HeaderOffset(f));
     EXPECT_EQ(kRO, kyTestAccess::OpenMode(f));
     EXPECT_EQ(1, f->Release());
-    EXPECT_EQ(nullptr, r->OpenStreamFast("ordinary", kRO));
-    EXPECT_EQ(nullptr, r->OpenStreamFast("Fast", kRO));
     // Free fast slots have empty names; an empty name opens none of them.
-    EXPECT_EQ(nullptr, r->OpenStreamFast("", kRO));
-    EXPECT_EQ(nullptr, r->OpenStreamFast(nullptr, kRO));
-    EXPECT_EQ(nullptr, r->OpenStream("ORDINARY", kRO));
-    EXPECT_EQ(nullptr, r->OpenStream(nullptr, kRO));
-    kyStream* o = r->OpenStream("ordinary", kRO);
-    kyStream* f2 = r->OpenStream("fast", kRO);
-    if (how == 2) {  // no name map after OpenFast
-      EXPECT_EQ(nullptr, o);
-      EXPECT_EQ(nullptr, f2);
-    } else {
-      ASSERT_NE(nullptr, o);
-      ASSERT_NE(nullptr, f2);
-      EXPECT_STREQ("ordinary", o->GetName());
-      EXPECT_EQ(Slot(32, 6), kyTestAccess::Offset(o).headerOffset);
-      o->Release();
-      f2->Release();
+    for (const char* bad : {"ordinary", "Fast", "", static_cast<const char*>(nullptr)})
+      EXPECT_EQ(nullptr, storage->OpenStreamFast(bad, kRO)) << (bad ? bad : "null");
+    EXPECT_EQ(nullptr, storage->OpenStream("ORDINARY", kRO));
+    EXPECT_EQ(nullptr, storage->OpenStream(nullptr, kRO));
+    for (const char* name : {"ordinary", "fast"}) {
+      kyStream* o = storage->OpenStream(name, kRO);
+      EXPECT_EQ(how != 2, o != nullptr) << name;  // no name map after OpenFast
+      if (o != nullptr) o->Release();
     }
-    EXPECT_EQ(0, kyTestAccess::Registry(r).GetCount());
-    r->Release();
+    EXPECT_EQ(0, Records());
+    storage->Release();
+    storage = nullptr;
   }
 }
 
 TEST_P(RootOpenTest, DamagedHeaderOrLocatorOpensNothing) {
-  kyStorage* s = Make();
-  Add(s, "a");
+  Make();
+  Add("a");
   tag_kyStreamOffset where;
-  ASSERT_TRUE(kyTestAccess::FindStreamOffset(s, "a", where));
-  Bytes img = kytest::ReadAll(path);
-  kytest::Put32(img, static_cast<size_t>(where.headerOffset), 0xFCFCFC00);
-  kytest::WriteAll(path, img);
-  EXPECT_EQ(nullptr, s->OpenStream("a", kRO));
-  tag_kyStreamOffset past = where;
-  past.headerOffset = static_cast<int64_t>(img.size()) + 10;
-  EXPECT_EQ(nullptr, s->OpenStreamByOffset(past, "a", kRO));
-  past.headerOffset = static_cast<int64_t>(img.size()) - 10;  // a short read
-  EXPECT_EQ(nullptr, s->OpenStreamByOffset(past, "a", kRO));
-  past.headerOffset = 0;
-  EXPECT_EQ(nullptr, s->OpenStreamByOffset(past, "a", kRO));
-  EXPECT_EQ(0, kyTestAccess::Registry(s).GetCount());  // failed opens register nothing
-  s->Release();
+  ASSERT_TRUE(kyTestAccess::FindStreamOffset(storage, "a", where));
+  Bytes img = ReadAll(path);
+  Put32(img, static_cast<size_t>(where.headerOffset), 0xFCFCFC00);
+  WriteAll(path, img);
+  EXPECT_EQ(nullptr, storage->OpenStream("a", kRO));
+  // Past the end, a short read, and the file header.
+  for (int64_t at :
+       {static_cast<int64_t>(img.size()) + 10, static_cast<int64_t>(img.size()) - 10, int64_t{0}}) {
+    where.headerOffset = at;
+    EXPECT_EQ(nullptr, storage->OpenStreamByOffset(where, "a", kRO)) << at;
+  }
+  EXPECT_EQ(0, Records());  // failed opens register nothing
 }
 
 TEST_P(RootOpenTest, FirstOrdinarySlotWhateverItHolds) {
   kyStorage* s = Make();
-  const Bytes before = kytest::ReadAll(path);
+  const Bytes before = ReadAll(path);
   kyStream* empty = s->OpenStreamFirst(kRO);
   ASSERT_NE(nullptr, empty);
   EXPECT_STREQ("", empty->GetName());
-  EXPECT_EQ(0, empty->GetLength());
-  EXPECT_EQ(Slot(32, 6), kyTestAccess::Offset(empty).headerOffset);
-  EXPECT_EQ(0, kyTestAccess::Registry(s).GetCount());
-  EXPECT_EQ(0, empty->Release());
-  EXPECT_EQ(before, kytest::ReadAll(path));
-  Add(s, "x");
-  s->Release();
-
-  kyStorage* r = kyStorage::Open(path.c_str(), kRO, 64, 1);
-  ASSERT_NE(nullptr, r);
-  kyStream* x = r->OpenStreamFirst(kRO);
+  EXPECT_EQ(Slot(32, 6), HeaderOffset(empty));
+  EXPECT_EQ(0, empty->Release());  // never registered
+  EXPECT_EQ(before, ReadAll(path));
+  Add("x");
+  kyStream* x = Reopen(kRO, 1)->OpenStreamFirst(kRO);
   ASSERT_NE(nullptr, x);
   EXPECT_STREQ("x", x->GetName());
   EXPECT_EQ(1, x->Release());
-  r->Release();
 }
 
 TEST_P(RootOpenTest, MapWalkFollowsTheHashTable) {
-  kyStorage* s = Make();
-  EXPECT_EQ(Names(), MapWalk(s));
-  Names created;
+  Make();
+  EXPECT_EQ(Names(), MapWalk(storage));
+  WalkModel model;
   for (int i = 0; i < 40; ++i) {
     std::string n = "s" + std::to_string(i * 7);
     if (i % 5 == 0) n += "\xe9";  // bytes from 0x80 hash as negative values
-    created.push_back(n);
-    Add(s, n);
+    model.Insert(n);
+    Add(n);
   }
-  const Names expected = ExpectedHashOrder(created);
-  EXPECT_EQ(expected, MapWalk(s));
-  s->Release();
-  // Reopened, the map is filled in directory order, which is creation order
-  // here.
-  for (int load = 0; load < 2; ++load) {
-    kyStorage* r = kyStorage::Open(path.c_str(), kRO, 64, load);
-    ASSERT_NE(nullptr, r);
-    EXPECT_EQ(expected, MapWalk(r));
-    EXPECT_EQ(0, kyTestAccess::Registry(r).GetCount());
-    r->Release();
-  }
+  EXPECT_EQ(model.Walk(), MapWalk(storage));
+  // Reopened, the map is filled in directory order: creation order here.
+  for (int load = 0; load < 2; ++load) EXPECT_EQ(model.Walk(), MapWalk(Reopen(kRO, load)));
+  EXPECT_EQ(0, Records());
 }
 
 TEST_P(RootOpenTest, OneStreamThenTheEnd) {
   kyStorage* s = Make();
-  Add(s, "only");
+  Add("only");
   for (int sorted = 0; sorted < 2; ++sorted) {
     s->EnableSorting(sorted, 0);
     void* cursor = reinterpret_cast<void*>(0x1234);
@@ -211,138 +123,233 @@ TEST_P(RootOpenTest, OneStreamThenTheEnd) {
     EXPECT_EQ(nullptr, s->OpenStreamNext(cursor, kRO));
     first->Release();
   }
-  s->Release();
 }
 
 TEST_P(RootOpenTest, DirectoryOrderWalk) {
   kyStorage* s = Make();
+  int cursor = 9;
+  EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO));  // nothing to walk
+  EXPECT_EQ(9, cursor);
   Names expected = {"f0", "f1"};
-  for (int i = 0; i < 60; ++i) {
-    Add(s, "o" + std::to_string(i));  // o58 and o59 in the second block
-    expected.push_back("o" + std::to_string(i));
-  }
-  Add(s, "f0", 0, true);
-  Add(s, "f1", 1, true);
+  for (int i = 0; i < 60; ++i) expected.push_back("o" + std::to_string(i));
+  FillOrdinary(60);  // o58 and o59 in the second block
+  Add("f0", 0, true);
+  Add("f1", 1, true);
   EXPECT_EQ(expected, DirectoryWalk(s));
-  Unlink(s, "o3");
+  // A slot freed on disk drops out of the walk.
+  tag_kyStreamOffset where;
+  ASSERT_TRUE(kyTestAccess::FindStreamOffset(s, "o3", where));
+  Bytes img = ReadAll(path);
+  std::fill(img.begin() + where.headerOffset + 4, img.begin() + where.headerOffset + 65, 0);
+  WriteAll(path, img);
+  ASSERT_TRUE(s->RemoveStream("o3"));
   expected.erase(expected.begin() + 5);
   EXPECT_EQ(expected, DirectoryWalk(s));
-  EXPECT_EQ(expected.size(), static_cast<size_t>(kyTestAccess::StreamNames(s).GetSize()));
-
-  int cursor = static_cast<int>(expected.size()) - 1;
+  const int last = static_cast<int>(expected.size()) - 1;
+  cursor = last;
   EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
-  EXPECT_EQ(static_cast<int>(expected.size()) - 1, cursor);
+  EXPECT_EQ(last, cursor);
   cursor = -2;
   EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
-  s->Release();
-
-  kyStorage* r = kyStorage::Open(path.c_str(), kRO, 64, 1);
-  ASSERT_NE(nullptr, r);
-  EXPECT_EQ(expected, DirectoryWalk(r));
-  r->Release();
+  EXPECT_EQ(expected, DirectoryWalk(Reopen(kRO, 1)));
   // Without a name map, the names on disk cannot be opened this way.
-  kyStorage* f = kyStorage::OpenFast(path.c_str(), kRO, 64);
-  ASSERT_NE(nullptr, f);
-  int untouched = 5;
-  EXPECT_EQ(nullptr, f->OpenStreamFirst2(untouched, kRO));
-  EXPECT_EQ(0, untouched);
-  f->Release();
+  storage->Release();
+  storage = kyStorage::OpenFast(path.c_str(), kRO, 64);
+  ASSERT_NE(nullptr, storage);
+  cursor = 5;
+  EXPECT_EQ(nullptr, storage->OpenStreamFirst2(cursor, kRO));
+  EXPECT_EQ(0, cursor);
 }
 
-TEST_P(RootOpenTest, DirectoryWalkOnAnEmptyOrDamagedChain) {
+TEST_P(RootOpenTest, DirectoryWalkOnADamagedChain) {
   kyStorage* s = Make();
-  int cursor = 9;
-  EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO));
-  EXPECT_EQ(9, cursor);
-  for (int i = 0; i < 58; ++i) Add(s, "o" + std::to_string(i));
-  const Bytes good = kytest::ReadAll(path);
+  FillOrdinary(58);
+  const Bytes good = ReadAll(path);
   for (int64_t link : {int64_t{32}, int64_t{0x7FFFFFF0}}) {  // a loop, past the end
     Bytes img = good;
-    if (B64())
-      kytest::Put64(img, 40, link);
-    else
-      kytest::Put32(img, 40, static_cast<uint32_t>(link));
-    kytest::WriteAll(path, img);
-    EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO));
+    PutNextLink(img, link);
+    WriteAll(path, img);
+    int cursor = 0;
+    EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO)) << link;
     EXPECT_EQ(0, kyTestAccess::StreamNames(s).GetSize());
   }
-  s->Release();
 }
 
 TEST_P(RootOpenTest, FindRootStreamsAndFolders) {
   kyStorage* s = Make();
-  Add(s, "d1");
-  Add(s, "F1", 1);
-  Add(s, "d2");
-  Add(s, "F2", 1);
+  Add("d1");
+  Add("F1", 1);
+  Add("d2");
+  Add("F2", 1);
   // In hash order: d1 d2 F1 F2 lie in buckets 0, 1, 13, 14.
   ASSERT_EQ((Names{"d1", "d2", "F1", "F2"}), MapWalk(s));
-
-  kyStream* d = s->FindRootStream("");
-  ASSERT_NE(nullptr, d);
-  EXPECT_STREQ("d1", d->GetName());
-  EXPECT_EQ(1, kyTestAccess::Registry(s).GetCount());  // the others were released
-  EXPECT_EQ(kRO, kyTestAccess::OpenMode(d));
-  d->Release();
-  kyStream* f = s->FindRootStorage(nullptr);
-  ASSERT_NE(nullptr, f);
-  EXPECT_STREQ("F1", f->GetName());
-  f->Release();
-  kyStream* named = s->FindRootStorageWrite("F2");
-  ASSERT_NE(nullptr, named);
-  EXPECT_STREQ("F2", named->GetName());
-  EXPECT_EQ(kRW, kyTestAccess::OpenMode(named));
-  named->Release();
+  struct Find {
+    std::function<kyStream*()> call;
+    const char* expected;
+    DWORD mode;
+  } finds[] = {{[s] { return s->FindRootStream(""); }, "d1", kRO},
+               {[s] { return s->FindRootStorage(nullptr); }, "F1", kRO},
+               {[s] { return s->FindRootStorageWrite("F2"); }, "F2", kRW}};
+  for (const Find& f : finds) {
+    kyStream* got = f.call();
+    ASSERT_NE(nullptr, got) << f.expected;
+    EXPECT_STREQ(f.expected, got->GetName());
+    EXPECT_EQ(f.mode, kyTestAccess::OpenMode(got));
+    EXPECT_EQ(1, Records());  // the streams passed over were released
+    got->Release();
+  }
   EXPECT_EQ(nullptr, s->FindRootStream("F2"));
   EXPECT_EQ(nullptr, s->FindRootStorage("d2"));
   EXPECT_EQ(nullptr, s->FindRootStorage("f2"));
-
   s->EnableSorting(1, 1);  // descending: d2 d1 F2 F1
-  kyStream* last = s->FindRootStorage("");
-  ASSERT_NE(nullptr, last);
-  EXPECT_STREQ("F2", last->GetName());
-  last->Release();
-  kyStream* d2 = s->FindRootStream("");
-  ASSERT_NE(nullptr, d2);
-  EXPECT_STREQ("d2", d2->GetName());
-  d2->Release();
+  for (int folder = 0; folder < 2; ++folder) {
+    kyStream* got = folder ? s->FindRootStorage("") : s->FindRootStream("");
+    ASSERT_NE(nullptr, got);
+    EXPECT_STREQ(folder ? "F2" : "d2", got->GetName());
+    got->Release();
+  }
   // A stream held exclusively ends the search where the walk meets it.
   kyStream* held = s->OpenStream("d2", 0x36);
   EXPECT_EQ(nullptr, s->FindRootStorage("F1"));
   held->Release();
-  EXPECT_EQ(0, kyTestAccess::Registry(s).GetCount());
-  s->Release();
+  EXPECT_EQ(0, Records());
 }
 
 TEST_P(RootOpenTest, SubfolderCountComesFromTheFolderData) {
   kyStorage* s = Make();
-  Add(s, "folder", 1);
-  Add(s, "data");
+  Add("folder", 1);
+  Add("data");
   EXPECT_EQ(0u, s->GetSubfolderCount("folder"));
-  kyStream* f = s->OpenStream("folder", kRW);
   const DWORD three = 3;
-  ASSERT_EQ(4, f->Write(&three, 4));
-  f->Release();
-  kyStream* d = s->OpenStream("data", kRW);
-  ASSERT_EQ(4, d->Write(&three, 4));
-  d->Release();
+  for (const char* name : {"folder", "data"}) {
+    kyStream* f = s->OpenStream(name, kRW);
+    ASSERT_EQ(4, f->Write(&three, 4));
+    f->Release();
+  }
   EXPECT_EQ(3u, s->GetSubfolderCount("folder"));
   EXPECT_EQ(0u, s->GetSubfolderCount("data"));  // not a folder
   EXPECT_EQ(0u, s->GetSubfolderCount("missing"));
   kyStream* held = s->OpenStream("folder", 0x36);
   EXPECT_EQ(0u, s->GetSubfolderCount("folder"));  // cannot be opened
   held->Release();
-  EXPECT_EQ(0, kyTestAccess::Registry(s).GetCount());
-  s->Release();
-  kyStorage* r = kyStorage::Open(path.c_str(), kRO, 64, 1);
-  ASSERT_NE(nullptr, r);
-  EXPECT_EQ(3u, r->GetSubfolderCount("folder"));
-  r->Release();
+  EXPECT_EQ(0, Records());
+  EXPECT_EQ(3u, Reopen(kRO, 1)->GetSubfolderCount("folder"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Widths, RootOpenTest, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& i) {
-                           return i.param ? "Offsets64" : "Offsets32";
-                         });
+// --- the open-stream registry, over a storage holding the stream "data" ---
+
+class RegistryTest : public RootTest {
+ protected:
+  void SetUp() override {
+    RootTest::SetUp();
+    Make();
+    Add("data");
+  }
+  t_OpenStream* Record(const char* name) { return kyTestAccess::IsStreamOpen(storage, name); }
+};
+
+TEST_P(RegistryTest, RecordsCountOpensOfOneName) {
+  EXPECT_EQ(-1, kyTestAccess::CloseStream(storage, "never"));
+  t_OpenStream* a = kyTestAccess::AddNewOpenStream(storage, "x", 0x12);
+  t_OpenStream* b = kyTestAccess::AddNewOpenStream(storage, "x", 0x16);  // as GoNext may do
+  ASSERT_NE(nullptr, a);
+  EXPECT_EQ(1, a->m_nCount);
+  EXPECT_EQ(a, Record("x"));  // the older record is found first
+  EXPECT_EQ(nullptr, Record("X"));
+  EXPECT_EQ(1, kyTestAccess::CloseStream(storage, "x"));
+  EXPECT_EQ(b, Record("x"));
+  EXPECT_EQ(1, kyTestAccess::CloseStream(storage, "x"));
+  EXPECT_EQ(-1, kyTestAccess::CloseStream(storage, "x"));
+}
+
+TEST_P(RegistryTest, AdmissionRule) {
+  struct Case {
+    DWORD held, asked;
+    bool admitted;
+  } cases[] = {
+      {0x36, 0x02, false}, {0x36, 0x12, false}, {0x36, 0x16, false}, {0x36, 0x36, false},
+      {0x0A, 0x12, false}, {0x0A, 0x16, false}, {0x0A, 0x2A, false}, {0x0A, 0x02, true},
+      {0x0A, 0x0A, true},  {0x16, 0x36, true},  {0x16, 0x12, true},  {0x12, 0x36, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.held << " then " << c.asked);
+    kyStream* holder = storage->OpenStream("data", c.held);
+    ASSERT_NE(nullptr, holder);
+    kyStream* second = storage->OpenStream("data", c.asked);
+    EXPECT_EQ(c.admitted, second != nullptr);
+    EXPECT_EQ(1, Records());  // opens of one name share a record
+    EXPECT_EQ(c.admitted ? 2 : 1, Record("data")->m_nCount);
+    EXPECT_EQ(c.held, Record("data")->m_dwMode);  // later opens never change it
+    if (second) {
+      EXPECT_EQ(2, second->Release());
+    }
+    EXPECT_EQ(1, holder->Release());
+  }
+  // The record keeps the first mode, so an exclusive open admitted after a
+  // shared one does not keep out a third.
+  kyStream* holder = storage->OpenStream("data", 0x16);
+  kyStream* exclusive = storage->OpenStream("data", 0x36);
+  kyStream* third = storage->OpenStream("data", 0x12);
+  ASSERT_NE(nullptr, third);
+  EXPECT_EQ(3, third->Release());
+  EXPECT_EQ(2, exclusive->Release());
+  EXPECT_EQ(1, holder->Release());
+}
+
+TEST_P(RegistryTest, RefusedOpenReadsNothing) {
+  kyStream* holder = storage->OpenStream("data", 0x36);
+  ASSERT_NE(nullptr, holder);
+  ASSERT_EQ(5, kyTestAccess::SetFilePointer(storage, 5, FILE_BEGIN));
+  EXPECT_EQ(nullptr, storage->OpenStream("data", 0x12));
+  EXPECT_EQ(5, kyTestAccess::SetFilePointer(storage, 0, FILE_CURRENT));
+  // The map walk meets the held stream and stops there.
+  void* cursor = nullptr;
+  EXPECT_EQ(nullptr, storage->OpenStreamFirst(cursor, 0x12));
+  EXPECT_EQ(1, holder->Release());
+}
+
+TEST_P(RegistryTest, CreatedAndEmptyNamedStreamsAreNotRegistered) {
+  kyStream* created = storage->CreateStream("fresh", kRW);
+  ASSERT_NE(nullptr, created);
+  EXPECT_EQ(nullptr, Record("fresh"));
+  kyStream* opened = storage->OpenStream("fresh", 0x12);
+  ASSERT_NE(nullptr, opened);
+  EXPECT_EQ(1, opened->Release());
+  EXPECT_EQ(-1, created->Release());
+  // Slot 8 is free: two exclusive opens of it by locator both succeed.
+  tag_kyStreamOffset where;
+  ASSERT_TRUE(kyTestAccess::FindStreamOffset(storage, "data", where));
+  where.headerOffset = Slot(32, 8);
+  kyStream* empty = storage->OpenStreamByOffset(where, "", 0x36);
+  kyStream* another = storage->OpenStreamByOffset(where, "", 0x36);
+  ASSERT_NE(nullptr, empty);
+  ASSERT_NE(nullptr, another);
+  EXPECT_EQ(0, Records());
+  EXPECT_EQ(0, another->Release());
+  EXPECT_EQ(0, empty->Release());
+  EXPECT_EQ(nullptr, storage->OpenStreamByOffset(where, nullptr, 0x12));
+}
+
+TEST_P(RegistryTest, ChildReleaseClosesOnTheParentsList) {
+  kyStream* parent = storage->CreateStream("folder", 1, kRW);
+  ASSERT_NE(nullptr, parent);
+  t_kyStreamU h;
+  memset(&h, 0, sizeof(h));
+  h.Magic() = kStreamHeaderMagic;
+  strcpy(h.Name(), "child");
+  t_OpenStream* rec = new t_OpenStream("child", 0x16);
+  rec->m_nCount = 2;
+  kyTestAccess::Children(parent).AddTail(rec);
+  kyStream* a = kyTestAccess::MakeChildStream(parent, h, 1000);
+  kyStream* b = kyTestAccess::MakeChildStream(parent, h, 1000);
+  EXPECT_EQ(2, a->Release());
+  EXPECT_EQ(1, b->Release());
+  EXPECT_EQ(nullptr, parent->IsStreamOpen("child"));
+  EXPECT_EQ(0, Records());  // nothing went to the storage's list
+  EXPECT_EQ(-1, parent->Release());
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, RootOpenTest, ::testing::Bool(), RootWidthName);
+INSTANTIATE_TEST_SUITE_P(Widths, RegistryTest, ::testing::Bool(), RootWidthName);
 
 }  // namespace
