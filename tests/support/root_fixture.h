@@ -66,6 +66,7 @@ class RootTest : public ::testing::TestWithParam<bool> {
 
   // A new storage held by the fixture (released in TearDown).
   kyStorage* Make() {
+    if (storage != nullptr) storage->Release();
     storage = kyStorage::Create(path.c_str(), kRW, 64);
     EXPECT_NE(nullptr, storage);
     return storage;
