@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,26 +22,25 @@ typedef std::vector<std::string> Names;
 const DWORD kRW = kModeReadWriteShared;
 const DWORD kRO = kModeReadShared;
 
+// A stream the test cannot go on without; a null one ends the test with a
+// failure (gtest reports the exception) instead of a crash.
+inline kyStream* Must(kyStream* s) {
+  if (s == nullptr) throw std::runtime_error("no stream");
+  return s;
+}
+
 // The map's walk computed on its own: 17 buckets by h = h * 33 + (signed
-// char)c, buckets ascending, newest first within a bucket.
+// char)c, buckets ascending, newest first within a bucket; an overwrite
+// keeps its place.
 class WalkModel {
  public:
-  static uint32_t Hash(const std::string& s) {
-    uint32_t h = 0;
-    for (char c : s)
-      h = h * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(c)));
-    return h;
-  }
   void Insert(const std::string& s) {
-    Names& b = m_buckets[Hash(s) % 17];
-    for (const std::string& k : b)
-      if (k == s) return;  // an overwrite keeps its place
-    b.insert(b.begin(), s);
+    Names& b = Bucket(s);
+    if (std::find(b.begin(), b.end(), s) == b.end()) b.insert(b.begin(), s);
   }
   void Remove(const std::string& s) {
-    Names& b = m_buckets[Hash(s) % 17];
-    for (size_t i = 0; i < b.size(); ++i)
-      if (b[i] == s) b.erase(b.begin() + static_cast<long>(i));
+    Names& b = Bucket(s);
+    b.erase(std::remove(b.begin(), b.end(), s), b.end());
   }
   Names Walk() const {
     Names out;
@@ -48,6 +49,11 @@ class WalkModel {
   }
 
  private:
+  Names& Bucket(const std::string& s) {
+    uint32_t h = 0;
+    for (char c : s) h = h * 33u + static_cast<uint32_t>(static_cast<int8_t>(c));
+    return m_buckets[h % 17];
+  }
   std::map<uint32_t, Names> m_buckets;
 };
 
@@ -68,22 +74,22 @@ class RootTest : public ::testing::TestWithParam<bool> {
   kyStorage* Make() {
     if (storage != nullptr) storage->Release();
     storage = kyStorage::Create(path.c_str(), kRW, 64);
-    EXPECT_NE(nullptr, storage);
+    if (storage == nullptr) throw std::runtime_error("no storage");
     return storage;
   }
-  // Releases the held storage and opens the file again.
+  // Releases the held storage and opens the file again (load 2: OpenFast).
   kyStorage* Reopen(DWORD mode = kRO, int load = 0) {
     if (storage != nullptr) storage->Release();
-    storage = kyStorage::Open(path.c_str(), mode, 64, load);
-    EXPECT_NE(nullptr, storage);
+    storage = load == 2 ? kyStorage::OpenFast(path.c_str(), mode, 64)
+                        : kyStorage::Open(path.c_str(), mode, 64, load);
+    if (storage == nullptr) throw std::runtime_error("no storage");
     return storage;
   }
   // Creates and releases a root stream of the held storage.
   void Add(const std::string& name, DWORD type = 0, bool fast = false) {
-    kyStream* stm = fast ? storage->CreateStreamFast(name.c_str(), type, kRW)
-                         : storage->CreateStream(name.c_str(), type, kRW);
-    ASSERT_NE(nullptr, stm) << name;
-    stm->Release();
+    Must(fast ? storage->CreateStreamFast(name.c_str(), type, kRW)
+              : storage->CreateStream(name.c_str(), type, kRW))
+        ->Release();
   }
   // Ordinary root streams o0, o1, ...; 58 fill the first directory block.
   void FillOrdinary(int n) {
