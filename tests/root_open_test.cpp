@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "platform/win_file.h"
@@ -18,7 +17,7 @@ using namespace kytest;
 
 class RootOpenTest : public RootTest {
  protected:
-  Names DirectoryWalk(kyStorage* s) {
+  static Names DirectoryWalk(kyStorage* s) {
     Names out;
     int cursor = -7;
     for (kyStream* stm = s->OpenStreamFirst2(cursor, kRO); stm != nullptr;
@@ -34,14 +33,10 @@ TEST_P(RootOpenTest, ByNameFastAndMap) {
   Make();
   Add("fast", 0, true);
   Add("ordinary");
-  storage->Release();
-  for (int how = 0; how < 3; ++how) {
+  for (int how = 0; how < 3; ++how) {  // from the file, in memory, OpenFast
     SCOPED_TRACE(how);
-    storage = how == 2 ? kyStorage::OpenFast(path.c_str(), kRO, 64)
-                       : kyStorage::Open(path.c_str(), kRO, 64, how);
-    ASSERT_NE(nullptr, storage);
-    kyStream* f = storage->OpenStreamFast("fast", kRO);
-    ASSERT_NE(nullptr, f);
+    Reopen(kRO, how);
+    kyStream* f = Must(storage->OpenStreamFast("fast", kRO));
     EXPECT_EQ(Slot(32, 0), HeaderOffset(f));
     EXPECT_EQ(kRO, kyTestAccess::OpenMode(f));
     EXPECT_EQ(1, f->Release());
@@ -56,8 +51,6 @@ TEST_P(RootOpenTest, ByNameFastAndMap) {
       if (o != nullptr) o->Release();
     }
     EXPECT_EQ(0, Records());
-    storage->Release();
-    storage = nullptr;
   }
 }
 
@@ -70,9 +63,8 @@ TEST_P(RootOpenTest, DamagedHeaderOrLocatorOpensNothing) {
   Put32(img, static_cast<size_t>(where.headerOffset), 0xFCFCFC00);
   WriteAll(path, img);
   EXPECT_EQ(nullptr, storage->OpenStream("a", kRO));
-  // Past the end, a short read, and the file header.
-  for (int64_t at :
-       {static_cast<int64_t>(img.size()) + 10, static_cast<int64_t>(img.size()) - 10, int64_t{0}}) {
+  const int64_t size = static_cast<int64_t>(img.size());
+  for (int64_t at : {size + 10, size - 10, int64_t{0}}) {  // past the end, short, file header
     where.headerOffset = at;
     EXPECT_EQ(nullptr, storage->OpenStreamByOffset(where, "a", kRO)) << at;
   }
@@ -80,17 +72,15 @@ TEST_P(RootOpenTest, DamagedHeaderOrLocatorOpensNothing) {
 }
 
 TEST_P(RootOpenTest, FirstOrdinarySlotWhateverItHolds) {
-  kyStorage* s = Make();
+  Make();
   const Bytes before = ReadAll(path);
-  kyStream* empty = s->OpenStreamFirst(kRO);
-  ASSERT_NE(nullptr, empty);
+  kyStream* empty = Must(storage->OpenStreamFirst(kRO));
   EXPECT_STREQ("", empty->GetName());
   EXPECT_EQ(Slot(32, 6), HeaderOffset(empty));
   EXPECT_EQ(0, empty->Release());  // never registered
   EXPECT_EQ(before, ReadAll(path));
   Add("x");
-  kyStream* x = Reopen(kRO, 1)->OpenStreamFirst(kRO);
-  ASSERT_NE(nullptr, x);
+  kyStream* x = Must(Reopen(kRO, 1)->OpenStreamFirst(kRO));
   EXPECT_STREQ("x", x->GetName());
   EXPECT_EQ(1, x->Release());
 }
@@ -109,18 +99,15 @@ TEST_P(RootOpenTest, MapWalkFollowsTheHashTable) {
   // Reopened, the map is filled in directory order: creation order here.
   for (int load = 0; load < 2; ++load) EXPECT_EQ(model.Walk(), MapWalk(Reopen(kRO, load)));
   EXPECT_EQ(0, Records());
-}
-
-TEST_P(RootOpenTest, OneStreamThenTheEnd) {
-  kyStorage* s = Make();
+  // One stream, then the end; the cursor tells the sorted walk apart.
+  Make();
   Add("only");
   for (int sorted = 0; sorted < 2; ++sorted) {
-    s->EnableSorting(sorted, 0);
+    storage->EnableSorting(sorted, 0);
     void* cursor = reinterpret_cast<void*>(0x1234);
-    kyStream* first = s->OpenStreamFirst(cursor, kRO);
-    ASSERT_NE(nullptr, first);
+    kyStream* first = Must(storage->OpenStreamFirst(cursor, kRO));
     EXPECT_EQ(sorted ? reinterpret_cast<void*>(-1) : nullptr, cursor);
-    EXPECT_EQ(nullptr, s->OpenStreamNext(cursor, kRO));
+    EXPECT_EQ(nullptr, storage->OpenStreamNext(cursor, kRO));
     first->Release();
   }
 }
@@ -145,69 +132,49 @@ TEST_P(RootOpenTest, DirectoryOrderWalk) {
   ASSERT_TRUE(s->RemoveStream("o3"));
   expected.erase(expected.begin() + 5);
   EXPECT_EQ(expected, DirectoryWalk(s));
-  const int last = static_cast<int>(expected.size()) - 1;
-  cursor = last;
-  EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
-  EXPECT_EQ(last, cursor);
-  cursor = -2;
-  EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
+  for (int start : {static_cast<int>(expected.size()) - 1, -2}) {  // at the end, out of range
+    cursor = start;
+    EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
+    EXPECT_EQ(start, cursor);
+  }
   EXPECT_EQ(expected, DirectoryWalk(Reopen(kRO, 1)));
-  // Without a name map, the names on disk cannot be opened this way.
-  storage->Release();
-  storage = kyStorage::OpenFast(path.c_str(), kRO, 64);
-  ASSERT_NE(nullptr, storage);
-  cursor = 5;
-  EXPECT_EQ(nullptr, storage->OpenStreamFirst2(cursor, kRO));
+  cursor = 5;  // without a name map, the names on disk cannot be opened
+  EXPECT_EQ(nullptr, Reopen(kRO, 2)->OpenStreamFirst2(cursor, kRO));
   EXPECT_EQ(0, cursor);
-}
-
-TEST_P(RootOpenTest, DirectoryWalkOnADamagedChain) {
-  kyStorage* s = Make();
-  FillOrdinary(58);
+  // A loop or a link past the end, made while the storage is open, ends
+  // the walk empty.
   const Bytes good = ReadAll(path);
-  for (int64_t link : {int64_t{32}, int64_t{0x7FFFFFF0}}) {  // a loop, past the end
-    Bytes img = good;
+  for (int64_t link : {int64_t{32}, int64_t{0x7FFFFFF0}}) {
+    WriteAll(path, good);
+    Reopen(kRO, 0);
+    img = good;
     PutNextLink(img, link);
     WriteAll(path, img);
-    int cursor = 0;
-    EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO)) << link;
-    EXPECT_EQ(0, kyTestAccess::StreamNames(s).GetSize());
+    EXPECT_EQ(nullptr, storage->OpenStreamFirst2(cursor, kRO)) << link;
+    EXPECT_EQ(0, kyTestAccess::StreamNames(storage).GetSize());
   }
 }
 
 TEST_P(RootOpenTest, FindRootStreamsAndFolders) {
   kyStorage* s = Make();
-  Add("d1");
-  Add("F1", 1);
-  Add("d2");
-  Add("F2", 1);
+  for (const char* n : {"d1", "F1", "d2", "F2"}) Add(n, n[0] == 'F');
   // In hash order: d1 d2 F1 F2 lie in buckets 0, 1, 13, 14.
   ASSERT_EQ((Names{"d1", "d2", "F1", "F2"}), MapWalk(s));
-  struct Find {
-    std::function<kyStream*()> call;
-    const char* expected;
-    DWORD mode;
-  } finds[] = {{[s] { return s->FindRootStream(""); }, "d1", kRO},
-               {[s] { return s->FindRootStorage(nullptr); }, "F1", kRO},
-               {[s] { return s->FindRootStorageWrite("F2"); }, "F2", kRW}};
-  for (const Find& f : finds) {
-    kyStream* got = f.call();
-    ASSERT_NE(nullptr, got) << f.expected;
-    EXPECT_STREQ(f.expected, got->GetName());
-    EXPECT_EQ(f.mode, kyTestAccess::OpenMode(got));
+  const char* const expected[] = {"d1", "F1", "F2", "F2", "d2"};
+  for (int i = 0; i < 5; ++i) {
+    if (i == 3) s->EnableSorting(1, 1);  // descending: d2 d1 F2 F1
+    kyStream* got = Must(i == 0 || i == 4 ? s->FindRootStream("")
+                         : i == 1         ? s->FindRootStorage(nullptr)
+                         : i == 2         ? s->FindRootStorageWrite("F2")
+                                          : s->FindRootStorage(""));
+    EXPECT_STREQ(expected[i], got->GetName());
+    EXPECT_EQ(i == 2 ? kRW : kRO, kyTestAccess::OpenMode(got));
     EXPECT_EQ(1, Records());  // the streams passed over were released
     got->Release();
   }
   EXPECT_EQ(nullptr, s->FindRootStream("F2"));
   EXPECT_EQ(nullptr, s->FindRootStorage("d2"));
   EXPECT_EQ(nullptr, s->FindRootStorage("f2"));
-  s->EnableSorting(1, 1);  // descending: d2 d1 F2 F1
-  for (int folder = 0; folder < 2; ++folder) {
-    kyStream* got = folder ? s->FindRootStorage("") : s->FindRootStream("");
-    ASSERT_NE(nullptr, got);
-    EXPECT_STREQ(folder ? "F2" : "d2", got->GetName());
-    got->Release();
-  }
   // A stream held exclusively ends the search where the walk meets it.
   kyStream* held = s->OpenStream("d2", 0x36);
   EXPECT_EQ(nullptr, s->FindRootStorage("F1"));
@@ -222,7 +189,7 @@ TEST_P(RootOpenTest, SubfolderCountComesFromTheFolderData) {
   EXPECT_EQ(0u, s->GetSubfolderCount("folder"));
   const DWORD three = 3;
   for (const char* name : {"folder", "data"}) {
-    kyStream* f = s->OpenStream(name, kRW);
+    kyStream* f = Must(s->OpenStream(name, kRW));
     ASSERT_EQ(4, f->Write(&three, 4));
     f->Release();
   }
@@ -273,8 +240,7 @@ TEST_P(RegistryTest, AdmissionRule) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << std::hex << c.held << " then " << c.asked);
-    kyStream* holder = storage->OpenStream("data", c.held);
-    ASSERT_NE(nullptr, holder);
+    kyStream* holder = Must(storage->OpenStream("data", c.held));
     kyStream* second = storage->OpenStream("data", c.asked);
     EXPECT_EQ(c.admitted, second != nullptr);
     EXPECT_EQ(1, Records());  // opens of one name share a record
@@ -287,43 +253,34 @@ TEST_P(RegistryTest, AdmissionRule) {
   }
   // The record keeps the first mode, so an exclusive open admitted after a
   // shared one does not keep out a third.
-  kyStream* holder = storage->OpenStream("data", 0x16);
-  kyStream* exclusive = storage->OpenStream("data", 0x36);
-  kyStream* third = storage->OpenStream("data", 0x12);
-  ASSERT_NE(nullptr, third);
-  EXPECT_EQ(3, third->Release());
+  kyStream* holder = Must(storage->OpenStream("data", 0x16));
+  kyStream* exclusive = Must(storage->OpenStream("data", 0x36));
+  EXPECT_EQ(3, Must(storage->OpenStream("data", 0x12))->Release());
   EXPECT_EQ(2, exclusive->Release());
   EXPECT_EQ(1, holder->Release());
 }
 
 TEST_P(RegistryTest, RefusedOpenReadsNothing) {
-  kyStream* holder = storage->OpenStream("data", 0x36);
-  ASSERT_NE(nullptr, holder);
+  kyStream* holder = Must(storage->OpenStream("data", 0x36));
   ASSERT_EQ(5, kyTestAccess::SetFilePointer(storage, 5, FILE_BEGIN));
   EXPECT_EQ(nullptr, storage->OpenStream("data", 0x12));
   EXPECT_EQ(5, kyTestAccess::SetFilePointer(storage, 0, FILE_CURRENT));
-  // The map walk meets the held stream and stops there.
-  void* cursor = nullptr;
+  void* cursor = nullptr;  // the map walk meets the held stream and stops
   EXPECT_EQ(nullptr, storage->OpenStreamFirst(cursor, 0x12));
   EXPECT_EQ(1, holder->Release());
 }
 
 TEST_P(RegistryTest, CreatedAndEmptyNamedStreamsAreNotRegistered) {
-  kyStream* created = storage->CreateStream("fresh", kRW);
-  ASSERT_NE(nullptr, created);
+  kyStream* created = Must(storage->CreateStream("fresh", kRW));
   EXPECT_EQ(nullptr, Record("fresh"));
-  kyStream* opened = storage->OpenStream("fresh", 0x12);
-  ASSERT_NE(nullptr, opened);
-  EXPECT_EQ(1, opened->Release());
+  EXPECT_EQ(1, Must(storage->OpenStream("fresh", 0x12))->Release());
   EXPECT_EQ(-1, created->Release());
   // Slot 8 is free: two exclusive opens of it by locator both succeed.
   tag_kyStreamOffset where;
   ASSERT_TRUE(kyTestAccess::FindStreamOffset(storage, "data", where));
   where.headerOffset = Slot(32, 8);
-  kyStream* empty = storage->OpenStreamByOffset(where, "", 0x36);
-  kyStream* another = storage->OpenStreamByOffset(where, "", 0x36);
-  ASSERT_NE(nullptr, empty);
-  ASSERT_NE(nullptr, another);
+  kyStream* empty = Must(storage->OpenStreamByOffset(where, "", 0x36));
+  kyStream* another = Must(storage->OpenStreamByOffset(where, "", 0x36));
   EXPECT_EQ(0, Records());
   EXPECT_EQ(0, another->Release());
   EXPECT_EQ(0, empty->Release());
@@ -331,8 +288,7 @@ TEST_P(RegistryTest, CreatedAndEmptyNamedStreamsAreNotRegistered) {
 }
 
 TEST_P(RegistryTest, ChildReleaseClosesOnTheParentsList) {
-  kyStream* parent = storage->CreateStream("folder", 1, kRW);
-  ASSERT_NE(nullptr, parent);
+  kyStream* parent = Must(storage->CreateStream("folder", 1, kRW));
   t_kyStreamU h;
   memset(&h, 0, sizeof(h));
   h.Magic() = kStreamHeaderMagic;
