@@ -48,21 +48,13 @@ int CopyToStdout(kyStream* stm, const std::string& subject) {
 int RunCat(const CatOptions& opt) {
   StreamPath path;
   if (!ParsePathArgument(opt.path, kCatSynopsis, path)) return kExitUsage;
-  OpenedStorage storage(opt.file, false);
-  if (!storage) return kExitFailure;
-  StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenPath(storage.get(), path, kModeReadShared, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(opt.file, DescribePathFailure(result, path, failedAt));
+  OpenedPath opened(opt.file, path, false);
+  if (!opened) return kExitFailure;
+  if (opened.Leaf()->IsFolder()) {
+    ComplainAbout(opt.file, path, "is a folder");
     return kExitFailure;
   }
-  std::string subject = opt.file + ": " + JoinPath(path);
-  if (chain.Leaf()->IsFolder()) {
-    Complain(subject, "is a folder");
-    return kExitFailure;
-  }
-  return CopyToStdout(chain.Leaf(), subject);
+  return CopyToStdout(opened.Leaf(), opt.file + ": " + JoinPath(path));
 }
 
 }  // namespace

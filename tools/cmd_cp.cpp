@@ -60,21 +60,11 @@ bool CopyMatches(kyStream* src, kyStream* dst, int depth) {
 int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std::string& dstFile) {
   bool folder = src->IsFolder() != 0;
   StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenOrCreatePath(dst, dstPath, folder, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(dstFile, DescribePathFailure(result, dstPath, failedAt));
-    return kExitFailure;
-  }
-  std::string subject = dstFile + ": " + JoinPath(dstPath);
-  if ((chain.Leaf()->IsFolder() != 0) != folder) {
-    Complain(subject, folder ? "exists and is not a folder" : "is a folder");
-    return kExitFailure;
-  }
+  if (!OpenOrCreatePath(dst, dstFile, dstPath, folder, chain)) return kExitFailure;
   if (folder) {
     // CopyFolder refuses a destination inside the source itself.
     if (!src->CopyFolder(chain.Leaf()) && !CopyMatches(src, chain.Leaf(), 0)) {
-      Complain(subject, "the folder was not copied completely");
+      ComplainAbout(dstFile, dstPath, "the folder was not copied completely");
       return kExitFailure;
     }
     return kExitOk;
@@ -82,7 +72,7 @@ int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std
   // CopyStream reports an empty source as a failure after emptying the
   // destination, which is what copying an empty stream means.
   if (!src->CopyStream(chain.Leaf()) && src->GetLength() > 0) {
-    Complain(subject, "the stream was not copied completely");
+    ComplainAbout(dstFile, dstPath, "the stream was not copied completely");
     return kExitFailure;
   }
   return kExitOk;
@@ -97,12 +87,12 @@ int RunCp(const CpOptions& opt) {
   // the library sees where the destination lies relative to the source.
   bool sameFile = SameFile(opt.srcFile, opt.dstFile);
   if (sameFile && srcPath == dstPath) {
-    Complain(opt.srcFile, JoinPath(srcPath) + ": source and destination are the same");
+    ComplainAbout(opt.srcFile, srcPath, "source and destination are the same");
     return kExitFailure;
   }
   // A copy into itself would never end; refuse before anything is made.
   if (sameFile && IsInside(dstPath, srcPath)) {
-    Complain(opt.dstFile, JoinPath(dstPath) + ": lies inside " + JoinPath(srcPath));
+    ComplainAbout(opt.dstFile, dstPath, "lies inside " + JoinPath(srcPath));
     return kExitFailure;
   }
   OpenedStorage dst(opt.dstFile, true);
@@ -115,12 +105,7 @@ int RunCp(const CpOptions& opt) {
     src = ownSrc->get();
   }
   StreamChain srcChain;
-  size_t failedAt = 0;
-  PathResult result = OpenPath(src, srcPath, kModeReadShared, srcChain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(opt.srcFile, DescribePathFailure(result, srcPath, failedAt));
-    return kExitFailure;
-  }
+  if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, srcChain)) return kExitFailure;
   return CopyInto(srcChain.Leaf(), dst.get(), dstPath, opt.dstFile);
 }
 

@@ -22,40 +22,25 @@ struct MkdirOptions {
 // is not an error, as with the shell's mkdir -p.
 int MakeWithParents(kyStorage* storage, const StreamPath& path, const std::string& file) {
   StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenOrCreatePath(storage, path, true, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(file, DescribePathFailure(result, path, failedAt));
-    return kExitFailure;
-  }
-  if (!chain.Leaf()->IsFolder()) {
-    Complain(file, JoinPath(path) + ": exists and is not a folder");
-    return kExitFailure;
-  }
-  return kExitOk;
+  return OpenOrCreatePath(storage, file, path, true, chain) ? kExitOk : kExitFailure;
 }
 
 int MakeOne(kyStorage* storage, const StreamPath& path, const std::string& file) {
   StreamPath parentPath(path.begin(), path.end() - 1);
   StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenPath(storage, parentPath, kModeReadWriteShared, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(file, DescribePathFailure(result, parentPath, failedAt));
-    return kExitFailure;
-  }
-  if (chain.Leaf() != nullptr && !chain.Leaf()->IsFolder()) {
-    Complain(file, JoinPath(parentPath) + ": not a folder");
+  if (!OpenPath(storage, file, parentPath, kModeReadWriteShared, chain)) return kExitFailure;
+  if (!chain.LeafIsFolder()) {
+    ComplainAbout(file, parentPath, "not a folder");
     return kExitFailure;
   }
   if (kyStream* existing = OpenChild(storage, chain.Leaf(), path.back(), kModeReadShared)) {
     existing->Release();
-    Complain(file, JoinPath(path) + ": exists");
+    ComplainAbout(file, path, "exists");
     return kExitFailure;
   }
   kyStream* folder = CreateChild(storage, chain.Leaf(), path.back(), true);
   if (folder == nullptr) {
-    Complain(file, JoinPath(path) + ": cannot create the folder");
+    ComplainAbout(file, path, "cannot create the folder");
     return kExitFailure;
   }
   folder->Release();

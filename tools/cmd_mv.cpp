@@ -41,25 +41,18 @@ int RunMv(const MvOptions& opt) {
   if (!CheckPath({opt.newName}, problem)) return UsageError(kMvSynopsis, problem);
   if (opt.newName == path.back()) return kExitOk;
 
-  OpenedStorage storage(opt.file, true);
-  if (!storage) return kExitFailure;
-  StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenPath(storage.get(), path, kModeReadWriteShared, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(opt.file, DescribePathFailure(result, path, failedAt));
-    return kExitFailure;
-  }
+  OpenedPath opened(opt.file, path, true);
+  if (!opened) return kExitFailure;
   // Renaming does not look at the siblings; two streams of one name would
   // hide one of them, so an existing name is refused here.
-  if (SiblingExists(storage.get(), chain.Parent(), opt.newName)) {
+  if (SiblingExists(opened.Storage(), opened.Chain().Parent(), opt.newName)) {
     StreamPath target(path.begin(), path.end() - 1);
     target.push_back(opt.newName);
-    Complain(opt.file, JoinPath(target) + ": exists");
+    ComplainAbout(opt.file, target, "exists");
     return kExitFailure;
   }
-  if (!chain.Leaf()->Rename(opt.newName.c_str())) {
-    Complain(opt.file, JoinPath(path) + ": cannot rename");
+  if (!opened.Leaf()->Rename(opt.newName.c_str())) {
+    ComplainAbout(opt.file, path, "cannot rename");
     return kExitFailure;
   }
   return kExitOk;

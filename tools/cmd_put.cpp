@@ -85,18 +85,8 @@ int RunPut(PutOptions opt) {
   OpenedStorage storage(opt.file, true);
   if (!storage) return kExitFailure;
   StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenOrCreatePath(storage.get(), path, false, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(opt.file, DescribePathFailure(result, path, failedAt));
-    return kExitFailure;
-  }
-  std::string subject = opt.file + ": " + JoinPath(path);
-  if (chain.Leaf()->IsFolder()) {
-    Complain(subject, "is a folder");
-    return kExitFailure;
-  }
-  return CopyFromInput(in.get(), chain.Leaf(), subject, inputName);
+  if (!OpenOrCreatePath(storage.get(), opt.file, path, false, chain)) return kExitFailure;
+  return CopyFromInput(in.get(), chain.Leaf(), opt.file + ": " + JoinPath(path), inputName);
 }
 
 }  // namespace

@@ -30,26 +30,19 @@ bool HasChildren(kyStream* folder) {
 int RunRm(const RmOptions& opt) {
   StreamPath path;
   if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
-  OpenedStorage storage(opt.file, true);
-  if (!storage) return kExitFailure;
-  StreamChain chain;
-  size_t failedAt = 0;
-  PathResult result = OpenPath(storage.get(), path, kModeReadWriteShared, chain, failedAt);
-  if (result != PathResult::kOpened) {
-    Complain(opt.file, DescribePathFailure(result, path, failedAt));
-    return kExitFailure;
-  }
-  std::string subject = opt.file + ": " + JoinPath(path);
+  OpenedPath opened(opt.file, path, true);
+  if (!opened) return kExitFailure;
+  kyStream* stm = opened.Leaf();
   // Like the shell's rm, a folder with something in it goes only with -r.
-  if (!opt.recursive && chain.Leaf()->IsFolder() && HasChildren(chain.Leaf())) {
-    Complain(subject, "folder not empty (use -r)");
+  if (!opt.recursive && stm->IsFolder() && HasChildren(stm)) {
+    ComplainAbout(opt.file, path, "folder not empty (use -r)");
     return kExitFailure;
   }
-  if (!chain.Leaf()->Remove()) {
-    Complain(subject, "cannot remove");
+  if (!stm->Remove()) {
+    ComplainAbout(opt.file, path, "cannot remove");
     return kExitFailure;
   }
-  chain.DropLeaf();  // Remove has destroyed the object
+  opened.Chain().DropLeaf();  // Remove has destroyed the object
   return kExitOk;
 }
 

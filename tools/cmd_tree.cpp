@@ -116,22 +116,10 @@ int RunTree(const TreeOptions& opt) {
   StreamPath path = SplitPath(opt.path);
   std::string problem;
   if (!CheckPath(path, problem)) return UsageError(kTreeSynopsis, problem);
-  OpenedStorage storage(opt.file, false);
-  if (!storage) return kExitFailure;
+  OpenedPath opened(opt.file, path, false);
+  if (!opened) return kExitFailure;
   TreeWalk walk(StreamBudget(opt.file));
-  bool ok;
-  if (path.empty()) {
-    ok = walk.Roots(storage.get());
-  } else {
-    StreamChain chain;
-    size_t failedAt = 0;
-    PathResult result = OpenPath(storage.get(), path, kModeReadShared, chain, failedAt);
-    if (result != PathResult::kOpened) {
-      Complain(opt.file, DescribePathFailure(result, path, failedAt));
-      return kExitFailure;
-    }
-    ok = walk.Add(chain.Leaf(), 0);
-  }
+  bool ok = path.empty() ? walk.Roots(opened.Storage()) : walk.Add(opened.Leaf(), 0);
   PrintLines(walk.lines());
   if (ok) return kExitOk;
   fflush(stdout);

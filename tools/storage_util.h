@@ -42,6 +42,9 @@ class StreamChain {
   size_t Depth() const { return m_streams.size(); }
   // The innermost stream, or null for an empty chain.
   kyStream* Leaf() const { return m_streams.empty() ? nullptr : m_streams.back(); }
+  // Whether the leaf can hold streams: a folder, or the storage's root
+  // directory that an empty chain stands for.
+  bool LeafIsFolder() const { return Leaf() == nullptr || Leaf()->IsFolder(); }
   // The stream holding the leaf, or null when the leaf is a root stream.
   kyStream* Parent() const {
     return m_streams.size() < 2 ? nullptr : m_streams[m_streams.size() - 2];

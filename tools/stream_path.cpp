@@ -4,6 +4,70 @@
 
 namespace kycli {
 
+namespace {
+
+enum class PathResult {
+  kOpened,     // every name was found (or made) and opened
+  kMissing,    // a name was not found
+  kNotFolder,  // a name before the last one is a data stream
+  kFailed,     // a stream could not be created
+};
+
+// What a walk does with a name it does not find.
+enum class IfMissing {
+  kFail,
+  kMakeDataStream,  // folders on the way, the last name a data stream
+  kMakeFolder,      // folders all the way
+};
+
+// Opens the names of `path` in turn onto `chain`; `failedAt` ends as the
+// index of the name that could not be followed.
+PathResult WalkPath(kyStorage* storage, const StreamPath& path, DWORD mode, IfMissing ifMissing,
+                    StreamChain& chain, size_t& failedAt) {
+  for (size_t i = 0; i < path.size(); ++i) {
+    failedAt = i;
+    if (!chain.LeafIsFolder()) {
+      failedAt = i - 1;
+      return PathResult::kNotFolder;
+    }
+    kyStream* stm = OpenChild(storage, chain.Leaf(), path[i], mode);
+    if (stm == nullptr) {
+      if (ifMissing == IfMissing::kFail) return PathResult::kMissing;
+      bool folder = i + 1 < path.size() || ifMissing == IfMissing::kMakeFolder;
+      stm = CreateChild(storage, chain.Leaf(), path[i], folder);
+      if (stm == nullptr) return PathResult::kFailed;
+    }
+    chain.Push(stm);
+  }
+  return PathResult::kOpened;
+}
+
+const char* DescribeFailure(PathResult result) {
+  switch (result) {
+    case PathResult::kMissing:
+      return "no such stream";
+    case PathResult::kNotFolder:
+      return "not a folder";
+    case PathResult::kFailed:
+      return "cannot create the stream";
+    case PathResult::kOpened:
+      break;
+  }
+  return "";
+}
+
+bool WalkAndReport(kyStorage* storage, const std::string& file, const StreamPath& path, DWORD mode,
+                   IfMissing ifMissing, StreamChain& chain) {
+  size_t failedAt = 0;
+  PathResult result = WalkPath(storage, path, mode, ifMissing, chain, failedAt);
+  if (result == PathResult::kOpened) return true;
+  StreamPath where(path.begin(), path.begin() + failedAt + 1);
+  ComplainAbout(file, where, DescribeFailure(result));
+  return false;
+}
+
+}  // namespace
+
 bool ParsePathArgument(const std::string& text, const std::string& synopsis, StreamPath& path) {
   path = SplitPath(text);
   std::string problem;
@@ -14,19 +78,8 @@ bool ParsePathArgument(const std::string& text, const std::string& synopsis, Str
   return false;
 }
 
-std::string DescribePathFailure(PathResult result, const StreamPath& path, size_t failedAt) {
-  std::string where = JoinPath(path, failedAt + 1);
-  switch (result) {
-    case PathResult::kMissing:
-      return where + ": no such stream";
-    case PathResult::kNotFolder:
-      return where + ": not a folder";
-    case PathResult::kFailed:
-      return where + ": cannot create the stream";
-    case PathResult::kOpened:
-      break;
-  }
-  return where;
+void ComplainAbout(const std::string& file, const StreamPath& path, const std::string& message) {
+  Complain(file, JoinPath(path) + ": " + message);
 }
 
 kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& name, DWORD mode) {
@@ -40,38 +93,24 @@ kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& n
   return parent->CreateStream(name.c_str(), type, kModeReadWriteShared, 1);
 }
 
-PathResult OpenPath(kyStorage* storage, const StreamPath& path, DWORD mode, StreamChain& chain,
-                    size_t& failedAt) {
-  for (size_t i = 0; i < path.size(); ++i) {
-    failedAt = i;
-    if (chain.Leaf() != nullptr && !chain.Leaf()->IsFolder()) {
-      failedAt = i - 1;
-      return PathResult::kNotFolder;
-    }
-    kyStream* stm = OpenChild(storage, chain.Leaf(), path[i], mode);
-    if (stm == nullptr) return PathResult::kMissing;
-    chain.Push(stm);
-  }
-  return PathResult::kOpened;
+bool OpenPath(kyStorage* storage, const std::string& file, const StreamPath& path, DWORD mode,
+              StreamChain& chain) {
+  return WalkAndReport(storage, file, path, mode, IfMissing::kFail, chain);
 }
 
-PathResult OpenOrCreatePath(kyStorage* storage, const StreamPath& path, bool leafFolder,
-                            StreamChain& chain, size_t& failedAt) {
-  for (size_t i = 0; i < path.size(); ++i) {
-    failedAt = i;
-    if (chain.Leaf() != nullptr && !chain.Leaf()->IsFolder()) {
-      failedAt = i - 1;
-      return PathResult::kNotFolder;
-    }
-    kyStream* stm = OpenChild(storage, chain.Leaf(), path[i], kModeReadWriteShared);
-    if (stm == nullptr) {
-      bool folder = i + 1 < path.size() || leafFolder;
-      stm = CreateChild(storage, chain.Leaf(), path[i], folder);
-      if (stm == nullptr) return PathResult::kFailed;
-    }
-    chain.Push(stm);
-  }
-  return PathResult::kOpened;
+bool OpenOrCreatePath(kyStorage* storage, const std::string& file, const StreamPath& path,
+                      bool leafFolder, StreamChain& chain) {
+  IfMissing ifMissing = leafFolder ? IfMissing::kMakeFolder : IfMissing::kMakeDataStream;
+  if (!WalkAndReport(storage, file, path, kModeReadWriteShared, ifMissing, chain)) return false;
+  if (chain.LeafIsFolder() == leafFolder) return true;
+  ComplainAbout(file, path, leafFolder ? "exists and is not a folder" : "is a folder");
+  return false;
+}
+
+OpenedPath::OpenedPath(const std::string& file, const StreamPath& path, bool writable)
+    : m_storage(file, writable), m_opened(false) {
+  DWORD mode = writable ? kModeReadWriteShared : kModeReadShared;
+  m_opened = m_storage && OpenPath(m_storage.get(), file, path, mode, m_chain);
 }
 
 }  // namespace kycli

@@ -10,20 +10,14 @@
 
 namespace kycli {
 
-enum class PathResult {
-  kOpened,     // every name was found and opened
-  kMissing,    // a name was not found
-  kNotFolder,  // a name before the last one is a data stream
-  kFailed,     // a stream could not be created
-};
-
 // Splits a PATH argument into `path`.  An empty path, or one with a name
 // that cannot name a stream, is a usage error: it is reported with
 // `synopsis` and false is returned.
 bool ParsePathArgument(const std::string& text, const std::string& synopsis, StreamPath& path);
 
-// What a failed walk tells the user: "Top/Mid: no such stream", ...
-std::string DescribePathFailure(PathResult result, const StreamPath& path, size_t failedAt);
+// Prints "kystore: <file>: <path>: <message>" on stderr, a message about
+// the stream `path` names in the storage `file`.
+void ComplainAbout(const std::string& file, const StreamPath& path, const std::string& message);
 
 // Opens the root stream (parent null) or the child `name` of `parent`.
 kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& name, DWORD mode);
@@ -33,16 +27,37 @@ kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& nam
 kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder);
 
 // Opens every stream along `path` with `mode`, outermost first, onto
-// `chain`.  On failure `chain` holds the streams opened before it and
-// `failedAt` the index of the name that could not be followed.
-PathResult OpenPath(kyStorage* storage, const StreamPath& path, DWORD mode, StreamChain& chain,
-                    size_t& failedAt);
+// `chain`.  A name that is missing or that follows a data stream is
+// reported against `file` ("Top/Mid: no such stream", "Top: not a
+// folder") and false is returned, with `chain` holding the streams opened
+// before it.
+bool OpenPath(kyStorage* storage, const std::string& file, const StreamPath& path, DWORD mode,
+              StreamChain& chain);
 
 // Like OpenPath with mode 0x16, but creates missing folders on the way and
 // a missing last stream as a folder or a data stream (`leafFolder`).  An
-// existing last stream is opened whatever its kind; the caller checks it.
-PathResult OpenOrCreatePath(kyStorage* storage, const StreamPath& path, bool leafFolder,
-                            StreamChain& chain, size_t& failedAt);
+// existing last stream of the other kind is refused too ("is a folder",
+// "exists and is not a folder").
+bool OpenOrCreatePath(kyStorage* storage, const std::string& file, const StreamPath& path,
+                      bool leafFolder, StreamChain& chain);
+
+// A storage opened for one command with the streams along one path: read
+// only (mode 0x12) or writable (mode 0x16).  Failures are reported as by
+// OpenedStorage and OpenPath.  An empty path opens the storage alone.
+class OpenedPath {
+ public:
+  OpenedPath(const std::string& file, const StreamPath& path, bool writable);
+
+  explicit operator bool() const { return m_opened; }
+  kyStorage* Storage() const { return m_storage.get(); }
+  StreamChain& Chain() { return m_chain; }
+  kyStream* Leaf() const { return m_chain.Leaf(); }
+
+ private:
+  OpenedStorage m_storage;
+  StreamChain m_chain;  // after m_storage, so that it is released first
+  bool m_opened;
+};
 
 }  // namespace kycli
 
