@@ -128,13 +128,6 @@ TEST_F(RecorderStack, LeaveOfAStreamNotOnTopRecordsNothing) {
   EXPECT_EQ(rec.HasBeenStopped(), 0);
 }
 
-TEST_F(RecorderStack, AWriteBelowTheTopEntersOnlyTheMissingLevels) {
-  rec.OpWrite(U("1"), 1, 0, folder, 0);
-  rec.OpWrite(U("2"), 1, 0, entry, 0);
-  EXPECT_EQ(Records(rec),
-            Lines({"enter R 1", "enter F 1", "write 00 1", "enter E 0", "write 00 2"}));
-}
-
 TEST_F(RecorderStack, TheThirtyThirdNestedEnterStopsTheRecorder) {
   kyStream* s = root;
   rec.OpEnter("R", 1, root);
@@ -229,16 +222,22 @@ TEST_F(RecorderStack, FastEnterRecordsOnlyWithAnEmptyStack) {
   EXPECT_EQ(rec.GetDataLength(), length + 5);
 }
 
-TEST_F(RecorderStack, RemovalOfARootOnlyFromAnEmptyStackInAFolderAfterEnteringIt) {
+// Operations below the top enter only the missing levels; a root's removal
+// is recorded only from an empty stack, a child's after entering its folder.
+TEST_F(RecorderStack, EntersOnlyTheMissingLevelsAndRemovals) {
   rec.OpRemove("Old", nullptr);
   rec.OpWrite(U("x"), 1, 0, root, 0);
   rec.OpRemove("Other", nullptr);  // streams entered: not recorded
-  rec.OpRemove("E", folder);
-  rec.OpLeave(folder);  // the removal's own leave of its parent
+  rec.OpWrite(U("2"), 1, 0, entry, 0);
+  rec.OpLeave(entry);
+  rec.OpLeave(folder);
+  rec.OpRemove("G2", sibling);
+  rec.OpLeave(sibling);  // the removal's own leave of its parent
   EXPECT_EQ(rec.HasBeenStopped(), 0);
-  EXPECT_EQ(Records(rec),
-            Lines({"remove Old", "enter R 1", "write 00 x", "enter F 1", "remove E", "leave"}));
   EXPECT_EQ(rec.GetStmDepth(), 1);
+  EXPECT_EQ(Records(rec),
+            Lines({"remove Old", "enter R 1", "write 00 x", "enter F 1", "enter E 0", "write 00 2",
+                   "leave", "leave", "enter G 1", "remove G2", "leave"}));
 }
 
 }  // namespace
