@@ -49,6 +49,7 @@ TEST_P(SortedTest, BothOrdersByteWiseRebuiltAfterChanges) {
   ASSERT_TRUE(storage->RemoveStream("b"));
   EXPECT_EQ((Names{"B", "a", "aa", "c"}), Walk(0));
   Add("b");
+  EXPECT_EQ((Names{"c", "b", "aa", "a", "B"}), Walk(1));
   for (int load = 0; load < 2; ++load) {
     Reopen(kRO, load);
     EXPECT_EQ((Names{"B", "a", "aa", "b", "c"}), Walk(0));
