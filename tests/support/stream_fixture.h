@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,20 @@
 
 namespace kytest {
 
+// Gives a storage or stream back when the test's scope ends.
+struct Releaser {
+  template <class T>
+  void operator()(T* p) const {
+    p->Release();
+  }
+};
+template <class T>
+using Held = std::unique_ptr<T, Releaser>;
+template <class T>
+Held<T> Hold(T* p) {
+  return Held<T>(p);
+}
+
 // A data block header as found on disk.
 struct BlockOnDisk {
   uint32_t magic;
@@ -24,7 +40,15 @@ struct BlockOnDisk {
   int64_t allocEnd;
   int64_t prevBlock;
   int64_t nextBlock;
+  bool operator==(const BlockOnDisk& o) const {
+    return magic == o.magic && usedEnd == o.usedEnd && allocEnd == o.allocEnd &&
+           prevBlock == o.prevBlock && nextBlock == o.nextBlock;
+  }
 };
+inline std::ostream& operator<<(std::ostream& os, const BlockOnDisk& b) {
+  return os << std::hex << b.magic << std::dec << " used " << b.usedEnd << " alloc " << b.allocEnd
+            << " prev " << b.prevBlock << " next " << b.nextBlock;
+}
 
 // The fields of a stream header that the data operations maintain.
 struct HeaderOnDisk {
@@ -32,7 +56,31 @@ struct HeaderOnDisk {
   int64_t length;
   int64_t lastBlock;
   int64_t firstBlock;
+  bool operator==(const HeaderOnDisk& o) const {
+    return flags == o.flags && length == o.length && lastBlock == o.lastBlock &&
+           firstBlock == o.firstBlock;
+  }
 };
+inline std::ostream& operator<<(std::ostream& os, const HeaderOnDisk& h) {
+  return os << "flags " << int(h.flags) << " length " << h.length << " last " << h.lastBlock
+            << " first " << h.firstBlock;
+}
+
+// A stream's read cursor: block, position in it, position in the data.
+struct Cursor {
+  int64_t block, blockPos, dataPos;
+  bool operator==(const Cursor& o) const {
+    return block == o.block && blockPos == o.blockPos && dataPos == o.dataPos;
+  }
+};
+inline std::ostream& operator<<(std::ostream& os, const Cursor& c) {
+  return os << "{" << c.block << ", " << c.blockPos << ", " << c.dataPos << "}";
+}
+template <class P>  // a stream pointer, raw or held
+Cursor CursorOf(const P& s) {
+  kyStream* p = &*s;
+  return {kyTestAccess::CurBlock(p), kyTestAccess::BlockPos(p), kyTestAccess::DataPos(p)};
+}
 
 class StreamTest : public ::testing::TestWithParam<bool> {
  protected:
@@ -50,7 +98,13 @@ class StreamTest : public ::testing::TestWithParam<bool> {
   static kyStream* NewStream(kyStorage* s, const char* name, DWORD dwType = 0) {
     return s->CreateStream(name, dwType, kModeReadWriteShared);
   }
-  static int64_t HeaderOffset(kyStream* s) { return kyTestAccess::Offset(s).headerOffset; }
+  static kyStream* NewStream(const Held<kyStorage>& s, const char* name, DWORD dwType = 0) {
+    return NewStream(s.get(), name, dwType);
+  }
+  template <class P>
+  static int64_t HeaderOffset(const P& s) {
+    return kyTestAccess::Offset(&*s).headerOffset;
+  }
 
   Bytes Range(int64_t at, size_t n) const {
     Bytes out(n, 0);
@@ -59,10 +113,19 @@ class StreamTest : public ::testing::TestWithParam<bool> {
     in.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(n));
     return out;
   }
+  // Decodes a block header; with 64-bit offsets a non-zero reserved word
+  // shows up as a bad magic.
   BlockOnDisk BlockAt(int64_t at) const {
     Bytes b = Range(at, static_cast<size_t>(H()));
-    if (B64()) return {Get32(b, 0), Get64(b, 8), Get64(b, 16), Get64(b, 24), Get64(b, 32)};
+    if (B64()) {
+      const uint32_t magic = Get32(b, 4) == 0 ? Get32(b, 0) : 0;
+      return {magic, Get64(b, 8), Get64(b, 16), Get64(b, 24), Get64(b, 32)};
+    }
     return {Get32(b, 0), Get32(b, 4), Get32(b, 8), Get32(b, 12), Get32(b, 16)};
+  }
+  // A block header as it must be on disk.
+  static BlockOnDisk Block(int64_t used, int64_t alloc, int64_t prev, int64_t next) {
+    return {0xFAFAFAFAu, used, alloc, prev, next};
   }
   HeaderOnDisk HeaderAt(int64_t at) const {
     Bytes b = Range(at, B64() ? 92 : 80);
@@ -81,10 +144,19 @@ class StreamTest : public ::testing::TestWithParam<bool> {
   int64_t Size() const { return FileSize(path); }
 
   // The stream's data from its start, read through the stream.
-  static Bytes Contents(kyStream* s, int64_t n) {
+  template <class P>
+  static Bytes Contents(const P& s, int64_t n) {
     Bytes out(static_cast<size_t>(n), 0);
     if (s->Seek(0, 0) != 0) return Bytes();
     if (s->Read(out.data(), n) != n) return Bytes();
+    return out;
+  }
+  // Up to n bytes from the stream's cursor.
+  template <class P>
+  static Bytes ReadSome(const P& s, int64_t n) {
+    Bytes out(static_cast<size_t>(n), 0);
+    const int64_t got = s->Read(out.data(), n);
+    out.resize(static_cast<size_t>(got < 0 ? 0 : got));
     return out;
   }
 
@@ -102,6 +174,10 @@ inline Bytes Pattern(size_t n, uint8_t seed) {
   Bytes b(n);
   for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 8));
   return b;
+}
+
+inline Bytes Slice(const Bytes& b, size_t from, size_t to) {
+  return Bytes(b.begin() + from, b.begin() + to);
 }
 
 inline Bytes Concat(const Bytes& a, const Bytes& b) {
