@@ -61,13 +61,11 @@ void PrintAndRelease(kyStream* stm, const LsOptions& opt, const StorageScan& sca
   PrintRow(row, opt, scan);
 }
 
-// Directory order: slot by slot along the chain.  A null result with the
-// cursor moved on is a name that could not be opened, not the end.
+// Directory order: slot by slot along the chain.  A slot that carries a
+// stream the storage could not open is reported by its name.
 int ListDirectoryOrder(kyStorage* storage, const LsOptions& opt, const StorageScan& scan) {
   int status = kExitOk;
-  int cursor = -1;
-  kyStream* stm = storage->OpenStreamFirst2(cursor, kModeReadShared);
-  for (;;) {
+  ForEachRootStream(storage, [&](kyStream* stm, int cursor) {
     if (stm != nullptr) {
       PrintAndRelease(stm, opt, scan);
     } else if (cursor >= 0 && cursor < static_cast<int>(scan.namedSlots.size())) {
@@ -77,10 +75,9 @@ int ListDirectoryOrder(kyStorage* storage, const LsOptions& opt, const StorageSc
         status = kExitFailure;
       }
     }
-    int before = cursor;
-    stm = storage->OpenStreamNext2(cursor, kModeReadShared);
-    if (stm == nullptr && cursor == before) return status;
-  }
+    return true;
+  });
+  return status;
 }
 
 // Name order through the storage's sorted map walk.  The cursor holds the

@@ -69,18 +69,12 @@ class TreeWalk {
 
   // The root streams in directory order.
   bool Roots(kyStorage* storage) {
-    int cursor = -1;
-    kyStream* stm = storage->OpenStreamFirst2(cursor, kModeReadShared);
-    for (;;) {
-      if (stm != nullptr) {
-        bool ok = Add(stm, 0);
-        stm->Release();
-        if (!ok) return false;
-      }
-      int before = cursor;
-      stm = storage->OpenStreamNext2(cursor, kModeReadShared);
-      if (stm == nullptr && cursor == before) return true;
-    }
+    return ForEachRootStream(storage, [this](kyStream* stm, int) {
+      if (stm == nullptr) return true;
+      bool ok = Add(stm, 0);
+      stm->Release();
+      return ok;
+    });
   }
 
   const std::vector<TreeLine>& lines() const { return m_lines; }

@@ -33,6 +33,20 @@ OpenedStorage::~OpenedStorage() {
   if (m_storage != nullptr) m_storage->Release();
 }
 
+bool ForEachRootStream(kyStorage* storage,
+                       const std::function<bool(kyStream* stm, int cursor)>& visit) {
+  int cursor = -1;
+  kyStream* stm = storage->OpenStreamFirst2(cursor, kModeReadShared);
+  for (;;) {
+    if (!visit(stm, cursor)) return false;
+    // A null stream with the cursor moved on is a name that could not be
+    // opened; with the cursor still, the chain has ended.
+    int before = cursor;
+    stm = storage->OpenStreamNext2(cursor, kModeReadShared);
+    if (stm == nullptr && cursor == before) return true;
+  }
+}
+
 void StreamChain::ReleaseLeaf() {
   if (m_streams.empty()) return;
   m_streams.back()->Release();

@@ -2,6 +2,7 @@
 #ifndef KYSTORE_TOOLS_STORAGE_UTIL_H_
 #define KYSTORE_TOOLS_STORAGE_UTIL_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,14 @@ class OpenedStorage {
  private:
   kyStorage* m_storage;
 };
+
+// Walks the root streams in directory order, slot by slot along the chain.
+// `visit` gets each stream opened with mode 0x12, which it must release, or
+// null with `cursor` on the slot when a name could not be opened.  The walk
+// ends after the last slot, or when `visit` returns false; the result is
+// false only in the second case.
+bool ForEachRootStream(kyStorage* storage,
+                       const std::function<bool(kyStream* stm, int cursor)>& visit);
 
 // The streams opened along a path, outermost first.  A child keeps a
 // pointer to its parent, so the chain releases the innermost stream first;
