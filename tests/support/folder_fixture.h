@@ -8,9 +8,9 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
-#include "support/test_access.h"
-#include "support/test_util.h"
+#include "support/stream_fixture.h"
 
 namespace kytest {
 
@@ -40,13 +40,37 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     if (storage != nullptr) storage->Release();
     storage = nullptr;
   }
+  // Opens a root stream of the storage held now.
+  Held<kyStream> Open(const char* name, DWORD mode = kModeReadShared) {
+    return Hold(storage->OpenStream(name, mode));
+  }
+  template <class P>
+  static Held<kyStream> OpenIn(const P& folder, const char* name, DWORD mode = kModeReadShared) {
+    return Hold(folder->OpenStream(name, mode));
+  }
+  // The names of a folder's children, in slot order.
+  template <class P>
+  static std::vector<std::string> ChildNames(const P& folder) {
+    CStringArray names;
+    folder->EnumStreams(names);
+    std::vector<std::string> out;
+    for (int i = 0; i < names.GetSize(); ++i) out.push_back(names[i].GetString());
+    return out;
+  }
+  template <class P>
+  static bool Finds(const P& folder, const char* name) {
+    t_kyStreamU h;
+    tag_kyStreamOffset o;
+    return folder->FindStream(name, h, o);
+  }
   kyStream* Root(const char* name, DWORD dwType = 1) {
     kyStream* s = storage->CreateStream(name, dwType, kModeReadWriteShared);
     EXPECT_NE(nullptr, s) << name;
     return s;
   }
   // Creates a child and releases it.
-  static void Child(kyStream* folder, const char* name, DWORD dwType = 0,
+  template <class P>
+  static void Child(const P& folder, const char* name, DWORD dwType = 0,
                     const std::string& data = "") {
     kyStream* c = folder->CreateStream(name, dwType, kModeReadWriteShared, 1);
     ASSERT_NE(nullptr, c) << name;
@@ -56,7 +80,8 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     c->Release();
   }
   // A stream's whole data, read from its start.
-  static Bytes DataOf(kyStream* s) {
+  template <class P>
+  static Bytes DataOf(const P& s) {
     Bytes out(static_cast<size_t>(s->GetLength()), 0);
     if (s->Seek(0, 0, true) != 0) return Bytes();
     if (!out.empty()) {
@@ -64,7 +89,8 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     }
     return out;
   }
-  static std::string Text(kyStream* s) {
+  template <class P>
+  static std::string Text(const P& s) {
     Bytes b = DataOf(s);
     return std::string(b.begin(), b.end());
   }
@@ -93,8 +119,14 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     if (data.size() < at + static_cast<size_t>(W())) return Bytes();
     return Bytes(data.begin() + at, data.begin() + at + W());
   }
-  int64_t FirstBlock(kyStream* s) const { return kyTestAccess::Header(s).FirstBlock(B64()); }
-  static int64_t HeaderOffset(kyStream* s) { return kyTestAccess::Offset(s).headerOffset; }
+  template <class P>
+  int64_t FirstBlock(const P& s) const {
+    return kyTestAccess::Header(&*s).FirstBlock(B64());
+  }
+  template <class P>
+  static int64_t HeaderOffset(const P& s) {
+    return kyTestAccess::Offset(&*s).headerOffset;
+  }
 
   GlobalsGuard globals;
   TempDir dir;
