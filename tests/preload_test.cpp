@@ -11,11 +11,13 @@ namespace {
 
 using kytest::Bytes;
 using kytest::FolderTest;
+using kytest::Hold;
 
 class PreloadTest : public FolderTest {
  protected:
   // The names an open walk hands out (children are released again).
-  static std::vector<std::string> OpenWalk(kyStream* folder) {
+  template <class P>
+  static std::vector<std::string> OpenWalk(const P& folder) {
     std::vector<std::string> names;
     void* cursor = nullptr;
     for (kyStream* c = folder->OpenPreloadChildrenFirst(&cursor, kModeReadShared); c != nullptr;
@@ -26,7 +28,8 @@ class PreloadTest : public FolderTest {
     return names;
   }
   // The names the walk without opens hands out.
-  static std::vector<std::string> OffsetWalk(kyStream* folder) {
+  template <class P>
+  static std::vector<std::string> OffsetWalk(const P& folder) {
     std::vector<std::string> names;
     void* cursor = nullptr;
     t_kyStreamWithOffset v;
@@ -41,28 +44,27 @@ class PreloadTest : public FolderTest {
 
 TEST_P(PreloadTest, MapHoldsUsedChildrenWithTheirLocators) {
   ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
-  Child(top, "a", 0x00020000);
-  Child(top, "gone");
-  Child(top, "b", 1);
-  Child(top, "c");
-  kyStream* gone = top->OpenStream("gone", kModeReadWriteShared);
-  ASSERT_TRUE(gone->Remove());
-  top->Release();
+  {
+    auto top = Hold(Root("Top"));
+    Child(top, "a", 0x00020000);
+    Child(top, "gone");
+    Child(top, "b", 1);
+    Child(top, "c");
+    ASSERT_TRUE(top->OpenStream("gone", kModeReadWriteShared)->Remove());
+  }
   ASSERT_NE(nullptr, Reopen());
-  kyStream* plain = storage->OpenStream("Top", kModeReadShared);
-  kyStream* top2 = storage->OpenStream("Top", kModeReadShared);
-  top2->PreloadChildren();
-  ASSERT_NE(nullptr, kyTestAccess::PreloadMap(top2));
-  EXPECT_EQ(3, kyTestAccess::PreloadMap(top2)->GetCount());
-  EXPECT_EQ(0u, top2->GetNumChildren());  // the preload leaves the cached count alone
-
+  auto plain = Open("Top");
+  auto top = Open("Top");
+  top->PreloadChildren();
+  ASSERT_NE(nullptr, kyTestAccess::PreloadMap(top.get()));
+  EXPECT_EQ(3, kyTestAccess::PreloadMap(top.get())->GetCount());
+  EXPECT_EQ(0u, top->GetNumChildren());  // the preload leaves the cached count alone
   void* cursor = nullptr;
   t_kyStreamWithOffset v;
   CString name;
   int seen = 0;
-  for (int more = top2->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name); more;
-       more = top2->GetPreloadChildrenOffsetNext(&cursor, 0, v, name), ++seen) {
+  for (int more = top->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name); more;
+       more = top->GetPreloadChildrenOffsetNext(&cursor, 0, v, name), ++seen) {
     t_kyStreamU h;
     tag_kyStreamOffset o;
     ASSERT_TRUE(plain->FindStream(name, h, o)) << name.GetString();
@@ -75,15 +77,13 @@ TEST_P(PreloadTest, MapHoldsUsedChildrenWithTheirLocators) {
     EXPECT_EQ(0, memcmp(&h, &v.hdr, static_cast<size_t>(W())));
   }
   EXPECT_EQ(3, seen);
-  EXPECT_EQ(0, top2->GetPreloadChildrenOffsetNext(&cursor, 0, v, name));
+  EXPECT_EQ(0, top->GetPreloadChildrenOffsetNext(&cursor, 0, v, name));
   EXPECT_TRUE(name.IsEmpty());
-  top2->Release();
-  plain->Release();
 }
 
 TEST_P(PreloadTest, WalksInHashAndNameOrder) {
   ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
+  auto top = Hold(Root("Top"));
   for (const char* n : {"b", "a", "C"}) Child(top, n);
   top->PreloadChildren();
   // Buckets of the framework hash: "a" 12, "b" 13, "C" 16.
@@ -94,12 +94,11 @@ TEST_P(PreloadTest, WalksInHashAndNameOrder) {
   EXPECT_EQ((Names{"C", "a", "b"}), OffsetWalk(top));
   top->EnableSorting(1, 1);
   EXPECT_EQ((Names{"b", "a", "C"}), OpenWalk(top));
-  top->Release();
 }
 
 TEST_P(PreloadTest, NoMapOrEmptyMapGiveNothing) {
   ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
+  auto top = Hold(Root("Top"));
   void* cursor = nullptr;
   t_kyStreamWithOffset v;
   memset(&v, 0x5A, sizeof(v));
@@ -108,99 +107,71 @@ TEST_P(PreloadTest, NoMapOrEmptyMapGiveNothing) {
   EXPECT_EQ(Bytes(sizeof(v), 0),
             Bytes(reinterpret_cast<BYTE*>(&v), reinterpret_cast<BYTE*>(&v + 1)));
   EXPECT_TRUE(name.IsEmpty());
-  EXPECT_EQ(nullptr, top->OpenPreloadChildrenFirst(&cursor, kModeReadShared));
-  top->PreloadChildren();
-  ASSERT_NE(nullptr, kyTestAccess::PreloadMap(top));
-  EXPECT_EQ(0, kyTestAccess::PreloadMap(top)->GetCount());
-  EXPECT_EQ(nullptr, top->OpenPreloadChildrenFirst(&cursor, kModeReadShared));
-  top->EnableSorting(1, 0);
-  EXPECT_EQ(nullptr, top->OpenPreloadChildrenFirst(&cursor, kModeReadShared));
-
+  for (int step = 0; step < 3; ++step) {
+    if (step == 1) top->PreloadChildren();
+    if (step == 2) top->EnableSorting(1, 0);
+    EXPECT_EQ(nullptr, top->OpenPreloadChildrenFirst(&cursor, kModeReadShared)) << step;
+  }
+  EXPECT_EQ(0, kyTestAccess::PreloadMap(top.get())->GetCount());
   // A folder whose data end before the count has no map at all.
-  kyStream* shortData = Root("Short", 0);
+  auto shortData = Hold(Root("Short", 0));
   ASSERT_EQ(2, shortData->Write("ab", 2));
-  kyTestAccess::Header(shortData).Flags() = kFolderFlag;
+  kyTestAccess::Header(shortData.get()).Flags() = kFolderFlag;
   shortData->PreloadChildren();
-  EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(shortData));
-  shortData->Release();
-  top->Release();
+  EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(shortData.get()));
 }
 
 // The map's copy of a child's header is older than the child's writes; an
 // open through the map must still reach the child's data and keep its chain.
+// A second preload keeps the map it has.
 TEST_P(PreloadTest, OpensThroughTheMapSeeTheChildAsWritten) {
   ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
-  top->PreloadChildren();
-  kyStream* x = top->CreateStream("x", 0, kModeReadWriteShared, 0);
-  ASSERT_NE(nullptr, x);
-  ASSERT_EQ(5, x->Write("hello", 5));
-  const int64_t chain = FirstBlock(x);
-  x->Release();
-  x = top->OpenStream("x", kModeReadWriteShared);
-  ASSERT_NE(nullptr, x);
-  EXPECT_EQ(chain, FirstBlock(x));
-  EXPECT_EQ("hello", Text(x));
-  ASSERT_EQ(0, x->Seek(0, 1));
-  ASSERT_EQ(3, x->Write("!!!", 3));
-  x->Release();
-  void* cursor = nullptr;
-  x = top->OpenPreloadChildrenFirst(&cursor, kModeReadShared);
-  ASSERT_NE(nullptr, x);
-  EXPECT_EQ("hello!!!", Text(x));
-  x->Release();
-  top->Release();
+  {
+    auto top = Hold(Root("Top"));
+    top->PreloadChildren();
+    int64_t chain = 0;
+    {
+      auto x = Hold(top->CreateStream("x", 0, kModeReadWriteShared, 0));
+      ASSERT_EQ(5, x->Write("hello", 5));
+      chain = FirstBlock(x);
+    }
+    auto x = OpenIn(top, "x", kModeReadWriteShared);
+    EXPECT_EQ(chain, FirstBlock(x));
+    EXPECT_EQ("hello", Text(x));
+    ASSERT_EQ(0, x->Seek(0, 1));
+    ASSERT_EQ(3, x->Write("!!!", 3));
+    x.reset();
+    void* cursor = nullptr;
+    EXPECT_EQ("hello!!!", Text(Hold(top->OpenPreloadChildrenFirst(&cursor, kModeReadShared))));
+    Child(Open("Top", kModeReadWriteShared), "y");
+    top->PreloadChildren();
+    EXPECT_EQ(1, kyTestAccess::PreloadMap(top.get())->GetCount());
+    EXPECT_FALSE(Finds(top, "y"));
+  }
   ASSERT_NE(nullptr, Reopen());
-  top = storage->OpenStream("Top", kModeReadShared);
-  x = top->OpenStream("x", kModeReadShared);
-  EXPECT_EQ("hello!!!", Text(x));
-  x->Release();
-  top->Release();
-}
-
-TEST_P(PreloadTest, SecondPreloadKeepsTheMap) {
-  ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
-  Child(top, "a");
-  top->PreloadChildren();
-  kyStream* other = storage->OpenStream("Top", kModeReadWriteShared);
-  Child(other, "b");
-  top->PreloadChildren();
-  EXPECT_EQ(1, kyTestAccess::PreloadMap(top)->GetCount());
-  t_kyStreamU h;
-  tag_kyStreamOffset o;
-  EXPECT_FALSE(top->FindStream("b", h, o));
-  other->Release();
-  top->Release();
+  EXPECT_EQ("hello!!!", Text(OpenIn(Open("Top"), "x")));
 }
 
 TEST_P(PreloadTest, RemoveAndRenameKeepTheMapTrue) {
   ASSERT_NE(nullptr, Create());
-  kyStream* top = Root("Top");
+  auto top = Hold(Root("Top"));
   for (const char* n : {"a", "b", "c", "d"}) Child(top, n, 0, n);
   top->PreloadChildren();
-  t_kyStreamU h;
-  tag_kyStreamOffset o;
-
   // Through this object.
   ASSERT_TRUE(top->OpenStream("a", kModeReadWriteShared)->Remove());
-  kyStream* b = top->OpenStream("b", kModeReadWriteShared);
-  ASSERT_TRUE(b->Rename("bee"));
-  b->Release();
-  EXPECT_FALSE(top->FindStream("a", h, o));
-  EXPECT_FALSE(top->FindStream("b", h, o));
-  ASSERT_TRUE(top->FindStream("bee", h, o));
+  ASSERT_TRUE(OpenIn(top, "b", kModeReadWriteShared)->Rename("bee"));
+  EXPECT_FALSE(Finds(top, "a"));
+  EXPECT_FALSE(Finds(top, "b"));
+  ASSERT_TRUE(Finds(top, "bee"));
   top->EnableSorting(1, 0);
   EXPECT_EQ((Names{"bee", "c", "d"}), OffsetWalk(top));
 
   // Through another object of the folder: the slot tells.
-  kyStream* other = storage->OpenStream("Top", kModeReadWriteShared);
+  auto other = Open("Top", kModeReadWriteShared);
   ASSERT_TRUE(other->OpenStream("c", kModeReadWriteShared)->Remove());
   EXPECT_EQ(nullptr, top->OpenStream("c", kModeReadShared));
   EXPECT_EQ((Names{"bee", "d"}), OpenWalk(top));
-  kyStream* d = other->OpenStream("d", kModeReadWriteShared);
-  ASSERT_TRUE(d->Rename("dee"));
-  d->Release();
+  ASSERT_TRUE(OpenIn(other, "d", kModeReadWriteShared)->Rename("dee"));
   // The map still holds "d" with its slot; the slot no longer says "d".
   void* cursor = nullptr;
   t_kyStreamWithOffset v;
@@ -211,20 +182,15 @@ TEST_P(PreloadTest, RemoveAndRenameKeepTheMapTrue) {
   tag_kyStreamOffset vo;  // the value is packed
   memcpy(&vo, &v.offset, sizeof(vo));
   EXPECT_EQ(nullptr, top->OpenPreloadChildrenByOffset(v.hdr, vo, "d", kModeReadShared));
-  EXPECT_FALSE(top->FindStream("d", h, o));
-  kyStream* dee = top->OpenPreloadChildrenByOffset(v.hdr, vo, "dee", kModeReadShared);
-  ASSERT_NE(nullptr, dee);
-  EXPECT_EQ("d", Text(dee));
-  dee->Release();
-  other->Release();
-  top->Release();
+  EXPECT_FALSE(Finds(top, "d"));
+  EXPECT_EQ("d", Text(Hold(top->OpenPreloadChildrenByOffset(v.hdr, vo, "dee", kModeReadShared))));
 }
 
 TEST_P(PreloadTest, RemovingDuringAWalkKeepsTheWalkGoing) {
   ASSERT_NE(nullptr, Create());
   for (int sorted = 0; sorted < 2; ++sorted) {
     SCOPED_TRACE(sorted);
-    kyStream* top = Root(sorted ? "Sorted" : "Hashed");
+    auto top = Hold(Root(sorted ? "Sorted" : "Hashed"));
     for (const char* n : {"w", "x", "y", "z"}) Child(top, n);
     top->PreloadChildren();
     top->EnableSorting(sorted, 0);
@@ -235,10 +201,7 @@ TEST_P(PreloadTest, RemovingDuringAWalkKeepsTheWalkGoing) {
       removed += c->Remove() ? 1 : 0;
     EXPECT_EQ(4, removed);
     EXPECT_TRUE(OffsetWalk(top).empty());
-    CStringArray left;
-    top->EnumStreams(left);
-    EXPECT_EQ(0, left.GetSize());
-    top->Release();
+    EXPECT_TRUE(ChildNames(top).empty());
   }
 }
 
