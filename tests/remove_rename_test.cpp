@@ -1,6 +1,7 @@
-// Removing streams with everything below them, and renaming them: the slots
-// on disk, the registries and maps, the refusals, and the recorder's
-// records of a removal.
+// Changing the tree: removing streams with everything below them, renaming
+// them, and copying a stream's data or a folder's tree, also into another
+// storage, merging into what the destination holds.  The slots on disk, the
+// registries and maps, the refusals, and the recorder's records of a removal.
 
 #include <string>
 
@@ -10,9 +11,34 @@ namespace {
 
 using kytest::Bytes;
 using kytest::FolderTest;
+using kytest::Hold;
 
-class RemoveRenameTest : public FolderTest {
+class TreeEditTest : public FolderTest {
  protected:
+  void TearDown() override {
+    if (other != nullptr) other->Release();
+    FolderTest::TearDown();
+  }
+  kyStorage* OpenOther(bool create) {
+    if (other != nullptr) other->Release();
+    other = create ? kyStorage::Create(otherPath.c_str(), kModeReadWriteShared, 64)
+                   : kyStorage::Open(otherPath.c_str(), kModeReadWriteShared, 64, 0);
+    return other;
+  }
+  static std::string Pattern(size_t n) {
+    std::string s(n, 0);
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + i % 23);
+    return s;
+  }
+  // Text of the child at a slash-separated path below `folder`.
+  template <class P>
+  static std::string At(const P& folder, const std::string& childPath) {
+    const size_t slash = childPath.find('/');
+    auto c = OpenIn(folder, childPath.substr(0, slash).c_str());
+    if (c == nullptr) return "<none>";
+    return slash == std::string::npos ? (c->IsFolder() ? "<folder>" : Text(c))
+                                      : At(c, childPath.substr(slash + 1));
+  }
   // The W bytes of the slot at `offset` in the file.
   Bytes SlotOnDisk(int64_t offset) const {
     const Bytes file = kytest::ReadAll(path);
@@ -34,113 +60,98 @@ class RemoveRenameTest : public FolderTest {
     while (r->PopOp(&op, name, &data, &n)) out += std::to_string(op) + name + " ";
     return out;
   }
+
+  std::string otherPath = dir.File("other.kys");
+  kyStorage* other = nullptr;
 };
 
-TEST_P(RemoveRenameTest, RemovingAFolderFreesEverySlotBelowIt) {
+TEST_P(TreeEditTest, RemovingAFolderFreesEverySlotBelowIt) {
   ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R");
+  auto r = Hold(Root("R"));
   Child(r, "F", 1);
   kyStream* f = r->OpenStream("F", kModeReadWriteShared);
   Child(f, "sub", 1);
-  kyStream* sub = f->OpenStream("sub", kModeReadWriteShared);
-  Child(sub, "e1", 0, "one");
-  Child(sub, "e2", 0, "two");
-  std::vector<int64_t> slots = {HeaderOffset(f), HeaderOffset(sub)};
-  for (const char* e : {"e1", "e2"}) {
-    kyStream* s = sub->OpenStream(e, kModeReadShared);
-    slots.push_back(HeaderOffset(s));
-    s->Release();
+  std::vector<int64_t> slots = {HeaderOffset(f)};
+  {
+    auto sub = OpenIn(f, "sub", kModeReadWriteShared);
+    slots.push_back(HeaderOffset(sub));
+    for (const char* e : {"e1", "e2"}) {
+      Child(sub, e, 0, e);
+      slots.push_back(HeaderOffset(OpenIn(sub, e)));
+    }
   }
-  sub->Release();
   std::vector<Bytes> before;
   for (int64_t at : slots) before.push_back(SlotOnDisk(at));
   const int64_t size = kytest::FileSize(path);
-
   ASSERT_TRUE(f->Remove());
   EXPECT_EQ(size, kytest::FileSize(path));
   for (size_t i = 0; i < slots.size(); ++i) EXPECT_EQ(Freed(before[i]), SlotOnDisk(slots[i])) << i;
   EXPECT_EQ(1u, kytest::Get32(DataOf(r), 0));  // the count stays
-  EXPECT_EQ(0, kyTestAccess::Children(r).GetCount());
-  r->Release();
+  EXPECT_EQ(0, kyTestAccess::Children(r.get()).GetCount());
+  r.reset();
 
   ASSERT_NE(nullptr, Reopen());
-  r = storage->OpenStream("R", kModeReadWriteShared);
-  CStringArray names;
-  r->EnumStreams(names);
-  EXPECT_EQ(0, names.GetSize());
-  ASSERT_TRUE(r->Remove());
+  kyStream* root = storage->OpenStream("R", kModeReadWriteShared);
+  EXPECT_TRUE(ChildNames(root).empty());
+  ASSERT_TRUE(root->Remove());
   EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
   EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "R"));
   ASSERT_NE(nullptr, Reopen());
   EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
 }
 
-TEST_P(RemoveRenameTest, RemoveLeavesTheDataAlone) {
+// The data stay as they were; a root made by creation is removed at once,
+// and a new one takes its slot and the old chain.
+TEST_P(TreeEditTest, RemoveLeavesTheDataAlone) {
   ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R");
+  kyStream* r = Root("R", 0);
   Bytes data(12, 0);
   kytest::Put32(data, 4, kStreamHeaderMagic);  // looks like the start of a slot
-  kyStream* d = r->CreateStream("d", 0, kModeReadWriteShared, 1);
-  ASSERT_EQ(12, d->Write(data.data(), 12));
-  const int64_t at = FirstBlock(d) + H();
-  ASSERT_TRUE(d->Remove());
+  ASSERT_EQ(12, r->Write(data.data(), 12));
+  const int64_t at = FirstBlock(r) + H();
+  ASSERT_TRUE(r->Remove());
   const Bytes file = kytest::ReadAll(path);
   EXPECT_EQ(data, Bytes(file.begin() + at, file.begin() + at + 12));
-  r->Release();
+  EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
+  auto again = Hold(Root("R", 0));
+  EXPECT_EQ(0, again->GetLength());
+  EXPECT_EQ(at - H(), FirstBlock(again));
 }
 
-TEST_P(RemoveRenameTest, RemoveRefusesWhileAnythingIsOpen) {
+TEST_P(TreeEditTest, RemoveRefusesWhileAnythingIsOpen) {
   ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R");
-  Child(r, "F", 1);
-  kyStream* f1 = r->OpenStream("F", kModeReadWriteShared);
-  Child(f1, "g", 0, "data");
-  f1->Release();
-  r->Release();
+  {
+    auto r = Hold(Root("R"));
+    Child(r, "F", 1);
+    Child(OpenIn(r, "F", kModeReadWriteShared), "g", 0, "data");
+  }
   ASSERT_NE(nullptr, Reopen());
   const Bytes image = kytest::ReadAll(path);
-
-  kyStream* ro = storage->OpenStream("R", kModeReadShared);
-  EXPECT_FALSE(ro->Remove());  // no write bit
-  ro->Release();
-  r = storage->OpenStream("R", kModeReadWriteShared);
+  EXPECT_FALSE(Open("R")->Remove());  // no write bit
+  kyStream* r = storage->OpenStream("R", kModeReadWriteShared);
   kyStream* f = r->OpenStream("F", kModeReadWriteShared);
   kyStream* g = f->OpenStream("g", kModeReadShared);
-  kyStream* f2 = r->OpenStream("F", kModeReadWriteShared);
-  kyStream* r2 = storage->OpenStream("R", kModeReadWriteShared);
-  EXPECT_FALSE(f->Remove());   // g is open below it
-  EXPECT_FALSE(f2->Remove());  // another object of F is open
-  EXPECT_FALSE(r2->Remove());  // another object of R is open
-  f2->Release();
-  r2->Release();
-  EXPECT_FALSE(r->Remove());  // F and g are open through it
-  kyStream* g2 = f->OpenStream("g", kModeReadWriteShared);
-  EXPECT_FALSE(g2->Remove());  // g is open twice
+  {
+    auto f2 = OpenIn(r, "F", kModeReadWriteShared);
+    auto r2 = Open("R", kModeReadWriteShared);
+    EXPECT_FALSE(f->Remove());   // g is open below it
+    EXPECT_FALSE(f2->Remove());  // another object of F is open
+    EXPECT_FALSE(r2->Remove());  // another object of R is open
+  }
+  EXPECT_FALSE(r->Remove());                                     // F and g are open through it
+  EXPECT_FALSE(OpenIn(f, "g", kModeReadWriteShared)->Remove());  // g is open twice
   EXPECT_EQ(image, kytest::ReadAll(path));
-  g2->Release();
   g->Release();
   ASSERT_TRUE(f->Remove());
   ASSERT_TRUE(r->Remove());
 }
 
-TEST_P(RemoveRenameTest, RootMadeByCreationIsRemoved) {
+TEST_P(TreeEditTest, RemoveIsRecorded) {
   ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R", 0);
-  ASSERT_EQ(3, r->Write("abc", 3));
-  ASSERT_TRUE(r->Remove());
-  EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
-  kyStream* again = Root("R", 0);  // the freed slot, the old chain
-  EXPECT_EQ(0, again->GetLength());
-  again->Release();
-}
-
-TEST_P(RemoveRenameTest, RemoveIsRecorded) {
-  ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R");
+  Root("R")->Release();
+  kyStream* r = storage->OpenStream("R", kModeReadWriteShared);
   Child(r, "c", 0, "x");
   Child(r, "d", 0, "y");
-  r->Release();
-  r = storage->OpenStream("R", kModeReadWriteShared);
   ASSERT_EQ(1, storage->StartRecording());
   ASSERT_TRUE(r->OpenStream("c", kModeReadWriteShared)->Remove());
   ASSERT_TRUE(r->Remove());
@@ -153,50 +164,131 @@ TEST_P(RemoveRenameTest, RemoveIsRecorded) {
   delete rec;
 }
 
-TEST_P(RemoveRenameTest, RenameKeepsSixtyCharactersAndMovesRecords) {
+TEST_P(TreeEditTest, RenameKeepsSixtyCharactersAndMovesRecords) {
   ASSERT_NE(nullptr, Create());
-  kyStream* r = Root("R");
-  Child(r, "c", 0, "data");
-  r->PreloadChildren();
-  kyStream* c = r->OpenStream("c", kModeReadWriteShared);
-  const std::string seventy(70, 'q');
-  ASSERT_TRUE(c->Rename(seventy.c_str()));
   const std::string sixty(60, 'q');
-  EXPECT_EQ(sixty, c->GetName());
-  EXPECT_EQ(nullptr, r->IsStreamOpen("c"));
-  ASSERT_NE(nullptr, r->IsStreamOpen(sixty.c_str()));
-  EXPECT_EQ(1, c->Release());
-  t_kyStreamU h;
-  tag_kyStreamOffset o;
-  EXPECT_FALSE(r->FindStream("c", h, o));
-  EXPECT_TRUE(r->FindStream(sixty.c_str(), h, o));
-
-  ASSERT_TRUE(r->Rename("Root2"));
-  EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
-  EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "R"));
-  kyStream* again = storage->OpenStream("Root2", kModeReadShared);
-  ASSERT_NE(nullptr, again);
-  again->Release();
-  r->Release();
-
+  {
+    auto r = Hold(Root("R"));
+    Child(r, "c", 0, "data");
+    r->PreloadChildren();
+    kyStream* c = r->OpenStream("c", kModeReadWriteShared);
+    ASSERT_TRUE(c->Rename(std::string(70, 'q').c_str()));
+    EXPECT_EQ(sixty, c->GetName());
+    EXPECT_EQ(nullptr, r->IsStreamOpen("c"));
+    ASSERT_NE(nullptr, r->IsStreamOpen(sixty.c_str()));
+    EXPECT_EQ(1, c->Release());
+    EXPECT_FALSE(Finds(r, "c"));
+    EXPECT_TRUE(Finds(r, sixty.c_str()));
+    ASSERT_TRUE(r->Rename("Root2"));
+    EXPECT_EQ(nullptr, storage->OpenStream("R", kModeReadShared));
+    EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "R"));
+    EXPECT_NE(nullptr, Open("Root2"));
+  }
   ASSERT_NE(nullptr, Reopen());
-  r = storage->OpenStream("Root2", kModeReadWriteShared);
-  ASSERT_NE(nullptr, r);
-  c = r->OpenStream(sixty.c_str(), kModeReadWriteShared);
+  auto r = Open("Root2", kModeReadWriteShared);
+  auto c = OpenIn(r, sixty.c_str(), kModeReadWriteShared);
   ASSERT_NE(nullptr, c);
   EXPECT_EQ("data", Text(c));
   const Bytes image = kytest::ReadAll(path);
   EXPECT_FALSE(c->Rename(""));
   EXPECT_FALSE(c->Rename(nullptr));
   EXPECT_EQ(sixty, c->GetName());
-  c->Release();
-  c = r->OpenStream(sixty.c_str(), kModeReadShared);
-  EXPECT_FALSE(c->Rename("other"));  // no write bit
+  c.reset();
+  EXPECT_FALSE(OpenIn(r, sixty.c_str())->Rename("other"));  // no write bit
   EXPECT_EQ(image, kytest::ReadAll(path));
-  c->Release();
-  r->Release();
 }
 
-INSTANTIATE_TEST_SUITE_P(Widths, RemoveRenameTest, ::testing::Bool());
+TEST_P(TreeEditTest, CopyStreamReplacesTheDestinationsData) {
+  ASSERT_NE(nullptr, Create());
+  ASSERT_NE(nullptr, OpenOther(true));
+  const std::string longer = Pattern(2000), data = Pattern(1000).substr(0, 999) + "!";
+  {
+    auto src = Hold(Root("src", 0));
+    ASSERT_EQ(
+        2000,
+        Hold(other->CreateStream("dst", 0, kModeReadWriteShared))->Write(longer.data(), 2000));
+    ASSERT_EQ(500, src->Write(data.data(), 500));
+    ASSERT_EQ(1, Hold(Root("between", 0))->Write("z", 1));  // its block ends the file now
+    ASSERT_EQ(0, src->Seek(0, 1));
+    ASSERT_EQ(500, src->Write(data.data() + 500, 500));
+    ASSERT_NE(FirstBlock(src), kyTestAccess::Header(src.get()).LastBlock(B64())) << "two blocks";
+  }
+  auto dst = Hold(other->OpenStream("dst", kModeReadWriteShared));
+  ASSERT_TRUE(Open("src")->CopyStream(dst.get()));
+  EXPECT_EQ(1000, dst->GetLength());
+  dst.reset();
+  ASSERT_NE(nullptr, OpenOther(false));
+  dst = Hold(other->OpenStream("dst", kModeReadWriteShared));
+  EXPECT_EQ(data, Text(dst));
+  EXPECT_FALSE(Hold(Root("empty", 0))->CopyStream(dst.get()));
+  EXPECT_EQ(0, dst->GetLength());
+  // Onto itself: refused.
+  auto s = Open("src", kModeReadWriteShared);
+  auto same = Open("src", kModeReadWriteShared);
+  EXPECT_FALSE(s->CopyStream(s.get()));
+  EXPECT_FALSE(s->CopyStream(same.get()));
+  EXPECT_EQ(data, Text(same));
+}
+
+TEST_P(TreeEditTest, CopyFolderMergesIntoAnotherStorage) {
+  ASSERT_NE(nullptr, Create());
+  ASSERT_NE(nullptr, OpenOther(true));
+  {
+    auto src = Hold(Root("S"));
+    Child(src, "a", 0, "A-data");
+    Child(src, "f", 1);
+    Child(src, "d", 0x00050000, "timed");
+    auto f = OpenIn(src, "f", kModeReadWriteShared);
+    Child(f, "x", 0, Pattern(300));
+    Child(f, "deeper", 1);
+    auto dst = Hold(other->CreateStream("D", 1, kModeReadWriteShared));
+    Child(dst, "keep", 0, "K");
+    Child(dst, "f", 0, "a data stream where the source has a folder");
+    Child(dst, "a", 1);  // a folder where the source has a data stream
+  }
+  ASSERT_NE(nullptr, Reopen());
+  ASSERT_TRUE(Open("S")->CopyFolder(Hold(other->OpenStream("D", kModeReadWriteShared)).get()));
+  ASSERT_NE(nullptr, OpenOther(false));
+  auto dst = Hold(other->OpenStream("D", kModeReadShared));
+  EXPECT_EQ("K", At(dst, "keep"));
+  EXPECT_EQ("A-data", At(dst, "a"));
+  EXPECT_EQ("<folder>", At(dst, "f"));
+  EXPECT_EQ(Pattern(300), At(dst, "f/x"));
+  EXPECT_EQ("<folder>", At(dst, "f/deeper"));
+  EXPECT_EQ("timed", At(dst, "d"));
+  EXPECT_EQ(0, OpenIn(dst, "d")->GetDuration());  // made with type 0
+  EXPECT_EQ(4u, ChildNames(dst).size());
+}
+
+TEST_P(TreeEditTest, CopyFolderIntoItselfOrBelowIsRefused) {
+  ASSERT_NE(nullptr, Create());
+  {
+    auto s = Hold(Root("S"));
+    Child(s, "f", 1);
+    Child(s, "x", 0, "x");
+  }
+  ASSERT_NE(nullptr, Reopen());
+  const Bytes image = kytest::ReadAll(path);
+  auto s = Open("S", kModeReadWriteShared);
+  auto same = Open("S", kModeReadWriteShared);
+  auto below = OpenIn(same, "f", kModeReadWriteShared);
+  EXPECT_FALSE(s->CopyFolder(s.get()));
+  EXPECT_FALSE(s->CopyFolder(same.get()));
+  EXPECT_FALSE(s->CopyFolder(below.get()));
+  {
+    // The same file opened by a second storage object is the same folder.
+    auto twin = Hold(kyStorage::Open(path.c_str(), kModeReadWriteShared, 256, 0));
+    ASSERT_NE(nullptr, twin);
+    EXPECT_FALSE(s->CopyFolder(Hold(twin->OpenStream("S", kModeReadWriteShared)).get()));
+  }
+  EXPECT_EQ(image, kytest::ReadAll(path));
+  // Into its parent's sibling is fine.
+  auto t = Hold(Root("T"));
+  EXPECT_TRUE(below->CopyFolder(t.get()));
+  EXPECT_TRUE(s->CopyFolder(t.get()));
+  EXPECT_EQ("x", At(t, "x"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, TreeEditTest, ::testing::Bool());
 
 }  // namespace
