@@ -328,17 +328,13 @@ TEST_F(Cli, FilesThatAreMissingOrNotStoragesFail) {
 TEST_F(Cli, OlderHeaderFormIsDescribedAndRead) {
   Bytes b(26 + 5132 + 20 + 5, 0);
   memcpy(b.data(), "@_RK_Structured_Storage@_", 25);
-  kytest::Put32(b, 26, 0xFBFBFBFB);
-  kytest::Put32(b, 30, 64);
-  const size_t slot = 26 + 12 + 80 * 2, block = 26 + 5132;
-  kytest::Put32(b, slot, 0xFCFCFCFC);
+  const uint32_t slot = 26 + 12 + 80 * 2, block = 26 + 5132;
   memcpy(&b[slot + 4], "Old", 3);
-  kytest::Put32(b, slot + 68, 5);
-  kytest::Put32(b, slot + 72, static_cast<uint32_t>(block));
-  kytest::Put32(b, slot + 76, static_cast<uint32_t>(block));
-  kytest::Put32(b, block, 0xFAFAFAFA);
-  kytest::Put32(b, block + 4, 25);
-  kytest::Put32(b, block + 8, 25);
+  const std::pair<uint32_t, uint32_t> fields[] = {
+      {26, 0xFBFBFBFB},    {30, 64},           {slot, 0xFCFCFCFC},
+      {slot + 68, 5},      {slot + 72, block}, {slot + 76, block},
+      {block, 0xFAFAFAFA}, {block + 4, 25},    {block + 8, 25}};
+  for (const auto& f : fields) kytest::Put32(b, f.first, f.second);
   memcpy(&b[block + 20], "hello", 5);
   kytest::WriteAll(file, b);
   EXPECT_EQ(Ok({"info", file}), Info("26 bytes (older form)", "'_' (0x5F)", 32, 2, 1, 1, 5183));

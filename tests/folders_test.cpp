@@ -15,7 +15,6 @@ using kytest::Hold;
 typedef std::vector<std::string> Names;
 
 TEST_P(FolderTest, FolderDataHoldsCountAndSlotsAcrossReopen) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     EXPECT_EQ(0u, top->GetNumChildren());  // not read yet
@@ -50,7 +49,6 @@ TEST_P(FolderTest, FolderDataHoldsCountAndSlotsAcrossReopen) {
 // A data stream in a freed slot takes the old chain; a folder starts a
 // chain of its own, so that its slots are not mixed with the old bytes.
 TEST_P(FolderTest, FreedSlotsAreReused) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   Child(top, "A", 0, std::string(200, 'x'));
   Child(top, "B", 0, "bbbbbbbb");
@@ -93,7 +91,6 @@ TEST_P(FolderTest, FreedSlotsAreReused) {
 }
 
 TEST_P(FolderTest, PreloadedFolderAppendsWithoutScanning) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     Child(top, "A");
@@ -113,7 +110,6 @@ TEST_P(FolderTest, PreloadedFolderAppendsWithoutScanning) {
 }
 
 TEST_P(FolderTest, OpenOrCreateDoesNotDuplicateAHeldChild) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   Child(top, "A");
   top->PreloadChildren();
@@ -128,7 +124,6 @@ TEST_P(FolderTest, OpenOrCreateDoesNotDuplicateAHeldChild) {
 }
 
 TEST_P(FolderTest, CreationRefusesBadNamesAndNonFolders) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   const std::string sixty(60, 'n'), longer(61, 'n');
   Child(top, sixty.c_str());
@@ -149,7 +144,6 @@ TEST_P(FolderTest, CreationRefusesBadNamesAndNonFolders) {
 }
 
 TEST_P(FolderTest, LookupsMatchNamesExactlyAndEmptyNameFindsAFreeSlot) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     Child(top, "abc");
@@ -176,7 +170,6 @@ TEST_P(FolderTest, LookupsMatchNamesExactlyAndEmptyNameFindsAFreeSlot) {
 }
 
 TEST_P(FolderTest, FirstAndNextSkipFreeSlotsWithTheirCursor) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     Child(top, "a", 0, "1");
@@ -204,7 +197,6 @@ TEST_P(FolderTest, FirstAndNextSkipFreeSlotsWithTheirCursor) {
 }
 
 TEST_P(FolderTest, EmptyFolderAndDataStreamGiveNothing) {
-  ASSERT_NE(nullptr, Create());
   auto empty = Hold(Root("Empty"));
   int64_t cursor = 0;
   EXPECT_FALSE(Finds(empty, "x"));
@@ -227,7 +219,6 @@ TEST_P(FolderTest, EmptyFolderAndDataStreamGiveNothing) {
 }
 
 TEST_P(FolderTest, OpensAreCountedAndEnumStreamsAppends) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   Child(top, "k");
   Child(top, "x", 1);
@@ -260,7 +251,6 @@ TEST_P(FolderTest, OpensAreCountedAndEnumStreamsAppends) {
 // Roots fill slots 6 to 63 of the first directory block; the next goes to
 // slot 0 of a second block.
 TEST_P(FolderTest, GoNextFollowsTheRootDirectoryAcrossBlocks) {
-  ASSERT_NE(nullptr, Create());
   for (int i = 0; i < 59; ++i) Root(("r" + std::to_string(i)).c_str(), 0)->Release();
   ASSERT_NE(nullptr, Reopen());
   kyStream* s = storage->OpenStream("r57", kModeReadShared);
@@ -287,7 +277,6 @@ TEST_P(FolderTest, GoNextFollowsTheRootDirectoryAcrossBlocks) {
 }
 
 TEST_P(FolderTest, GoNextWithinABlockAndNotWithChildrenOpen) {
-  ASSERT_NE(nullptr, Create());
   Root("F")->Release();
   Root("G", 0)->Release();
   auto f = Open("F", kModeReadWriteShared);

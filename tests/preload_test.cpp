@@ -43,7 +43,6 @@ class PreloadTest : public FolderTest {
 };
 
 TEST_P(PreloadTest, MapHoldsUsedChildrenWithTheirLocators) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     Child(top, "a", 0x00020000);
@@ -82,7 +81,6 @@ TEST_P(PreloadTest, MapHoldsUsedChildrenWithTheirLocators) {
 }
 
 TEST_P(PreloadTest, WalksInHashAndNameOrder) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   for (const char* n : {"b", "a", "C"}) Child(top, n);
   top->PreloadChildren();
@@ -97,7 +95,6 @@ TEST_P(PreloadTest, WalksInHashAndNameOrder) {
 }
 
 TEST_P(PreloadTest, NoMapOrEmptyMapGiveNothing) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   void* cursor = nullptr;
   t_kyStreamWithOffset v;
@@ -125,7 +122,6 @@ TEST_P(PreloadTest, NoMapOrEmptyMapGiveNothing) {
 // open through the map must still reach the child's data and keep its chain.
 // A second preload keeps the map it has.
 TEST_P(PreloadTest, OpensThroughTheMapSeeTheChildAsWritten) {
-  ASSERT_NE(nullptr, Create());
   {
     auto top = Hold(Root("Top"));
     top->PreloadChildren();
@@ -153,7 +149,6 @@ TEST_P(PreloadTest, OpensThroughTheMapSeeTheChildAsWritten) {
 }
 
 TEST_P(PreloadTest, RemoveAndRenameKeepTheMapTrue) {
-  ASSERT_NE(nullptr, Create());
   auto top = Hold(Root("Top"));
   for (const char* n : {"a", "b", "c", "d"}) Child(top, n, 0, n);
   top->PreloadChildren();
@@ -187,7 +182,6 @@ TEST_P(PreloadTest, RemoveAndRenameKeepTheMapTrue) {
 }
 
 TEST_P(PreloadTest, RemovingDuringAWalkKeepsTheWalkGoing) {
-  ASSERT_NE(nullptr, Create());
   for (int sorted = 0; sorted < 2; ++sorted) {
     SCOPED_TRACE(sorted);
     auto top = Hold(Root(sorted ? "Sorted" : "Hashed"));

@@ -66,7 +66,6 @@ class TreeEditTest : public FolderTest {
 };
 
 TEST_P(TreeEditTest, RemovingAFolderFreesEverySlotBelowIt) {
-  ASSERT_NE(nullptr, Create());
   auto r = Hold(Root("R"));
   Child(r, "F", 1);
   kyStream* f = r->OpenStream("F", kModeReadWriteShared);
@@ -103,7 +102,6 @@ TEST_P(TreeEditTest, RemovingAFolderFreesEverySlotBelowIt) {
 // The data stay as they were; a root made by creation is removed at once,
 // and a new one takes its slot and the old chain.
 TEST_P(TreeEditTest, RemoveLeavesTheDataAlone) {
-  ASSERT_NE(nullptr, Create());
   kyStream* r = Root("R", 0);
   Bytes data(12, 0);
   kytest::Put32(data, 4, kStreamHeaderMagic);  // looks like the start of a slot
@@ -119,7 +117,6 @@ TEST_P(TreeEditTest, RemoveLeavesTheDataAlone) {
 }
 
 TEST_P(TreeEditTest, RemoveRefusesWhileAnythingIsOpen) {
-  ASSERT_NE(nullptr, Create());
   {
     auto r = Hold(Root("R"));
     Child(r, "F", 1);
@@ -147,7 +144,6 @@ TEST_P(TreeEditTest, RemoveRefusesWhileAnythingIsOpen) {
 }
 
 TEST_P(TreeEditTest, RemoveIsRecorded) {
-  ASSERT_NE(nullptr, Create());
   Root("R")->Release();
   kyStream* r = storage->OpenStream("R", kModeReadWriteShared);
   Child(r, "c", 0, "x");
@@ -165,7 +161,6 @@ TEST_P(TreeEditTest, RemoveIsRecorded) {
 }
 
 TEST_P(TreeEditTest, RenameKeepsSixtyCharactersAndMovesRecords) {
-  ASSERT_NE(nullptr, Create());
   const std::string sixty(60, 'q');
   {
     auto r = Hold(Root("R"));
@@ -199,7 +194,6 @@ TEST_P(TreeEditTest, RenameKeepsSixtyCharactersAndMovesRecords) {
 }
 
 TEST_P(TreeEditTest, CopyStreamReplacesTheDestinationsData) {
-  ASSERT_NE(nullptr, Create());
   ASSERT_NE(nullptr, OpenOther(true));
   const std::string longer = Pattern(2000), data = Pattern(1000).substr(0, 999) + "!";
   {
@@ -231,7 +225,6 @@ TEST_P(TreeEditTest, CopyStreamReplacesTheDestinationsData) {
 }
 
 TEST_P(TreeEditTest, CopyFolderMergesIntoAnotherStorage) {
-  ASSERT_NE(nullptr, Create());
   ASSERT_NE(nullptr, OpenOther(true));
   {
     auto src = Hold(Root("S"));
@@ -261,7 +254,6 @@ TEST_P(TreeEditTest, CopyFolderMergesIntoAnotherStorage) {
 }
 
 TEST_P(TreeEditTest, CopyFolderIntoItselfOrBelowIsRefused) {
-  ASSERT_NE(nullptr, Create());
   {
     auto s = Hold(Root("S"));
     Child(s, "f", 1);

@@ -14,8 +14,10 @@
 
 namespace kytest {
 
+// Each test starts with a new, empty storage of the parameter's width.
 class FolderTest : public ::testing::TestWithParam<bool> {
  protected:
+  void SetUp() override { ASSERT_NE(nullptr, Create()); }
   void TearDown() override {
     if (storage != nullptr) storage->Release();
   }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/win_file.h"
@@ -36,14 +37,9 @@ Held<T> Hold(T* p) {
 // A data block header as found on disk.
 struct BlockOnDisk {
   uint32_t magic;
-  int64_t usedEnd;
-  int64_t allocEnd;
-  int64_t prevBlock;
-  int64_t nextBlock;
-  bool operator==(const BlockOnDisk& o) const {
-    return magic == o.magic && usedEnd == o.usedEnd && allocEnd == o.allocEnd &&
-           prevBlock == o.prevBlock && nextBlock == o.nextBlock;
-  }
+  int64_t usedEnd, allocEnd, prevBlock, nextBlock;
+  auto Tie() const { return std::tie(magic, usedEnd, allocEnd, prevBlock, nextBlock); }
+  bool operator==(const BlockOnDisk& o) const { return Tie() == o.Tie(); }
 };
 inline std::ostream& operator<<(std::ostream& os, const BlockOnDisk& b) {
   return os << std::hex << b.magic << std::dec << " used " << b.usedEnd << " alloc " << b.allocEnd
@@ -53,13 +49,9 @@ inline std::ostream& operator<<(std::ostream& os, const BlockOnDisk& b) {
 // The fields of a stream header that the data operations maintain.
 struct HeaderOnDisk {
   uint8_t flags;
-  int64_t length;
-  int64_t lastBlock;
-  int64_t firstBlock;
-  bool operator==(const HeaderOnDisk& o) const {
-    return flags == o.flags && length == o.length && lastBlock == o.lastBlock &&
-           firstBlock == o.firstBlock;
-  }
+  int64_t length, lastBlock, firstBlock;
+  auto Tie() const { return std::tie(flags, length, lastBlock, firstBlock); }
+  bool operator==(const HeaderOnDisk& o) const { return Tie() == o.Tie(); }
 };
 inline std::ostream& operator<<(std::ostream& os, const HeaderOnDisk& h) {
   return os << "flags " << int(h.flags) << " length " << h.length << " last " << h.lastBlock
@@ -69,9 +61,8 @@ inline std::ostream& operator<<(std::ostream& os, const HeaderOnDisk& h) {
 // A stream's read cursor: block, position in it, position in the data.
 struct Cursor {
   int64_t block, blockPos, dataPos;
-  bool operator==(const Cursor& o) const {
-    return block == o.block && blockPos == o.blockPos && dataPos == o.dataPos;
-  }
+  auto Tie() const { return std::tie(block, blockPos, dataPos); }
+  bool operator==(const Cursor& o) const { return Tie() == o.Tie(); }
 };
 inline std::ostream& operator<<(std::ostream& os, const Cursor& c) {
   return os << "{" << c.block << ", " << c.blockPos << ", " << c.dataPos << "}";
