@@ -20,7 +20,7 @@ namespace {
 // stream is written after each of them), written and closed.
 class StreamIo : public kytest::StreamTest {
  protected:
-  static const int64_t kBlock = 100;
+  static constexpr int64_t kBlock = 100;
 
   void WriteThreeBlocks() {
     auto s = Hold(CreateStorage(kBlock));
