@@ -283,15 +283,11 @@ TEST_P(CliWidth, CatOfADamagedChainFailsCleanly) {
 
 TEST_F(Cli, BadUsageGivesStatus2AndUsageOnStderr) {
   Ok({"create", file});
-  Usage({});
-  Usage({"frobnicate", file});
-  Usage({"create"});
-  Usage({"info", file, "extra"});
-  Usage({"ls", "--bogus", file});
-  Usage({"cat", file, "//"});
-  Usage({"put", file, std::string(61, 'n')}, "x");
-  Usage({"mv", file, "a", "b/c"});
-  Usage({"cp", file, "a"});
+  for (const Args& args : {Args{}, Args{"frobnicate", file}, Args{"create"},
+                           Args{"info", file, "x"}, Args{"ls", "--bogus", file},
+                           Args{"cat", file, "//"}, Args{"put", file, std::string(61, 'n')},
+                           Args{"mv", file, "a", "b/c"}, Args{"cp", file, "a"}})
+    Usage(args, "x");
   EXPECT_NE(
       Run({"cp", file, "a"}).err.find("usage: kystore cp SRC_FILE SRC_PATH DST_FILE DST_PATH"),
       std::string::npos);
