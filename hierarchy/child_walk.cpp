@@ -14,32 +14,23 @@ kyStream* kyStream::OpenStreamFirst(int64_t* pCursor, DWORD dwMode) {
   *pCursor = 4;
   if (static_cast<int>(m_nChildren) <= 0) return nullptr;
 
-  const int64_t w = HeaderWidth();
   const int64_t maxReads = MaxSlotReads();
-  t_kyStreamU header;
-  for (int i = 0; i < static_cast<int>(m_nChildren); ++i) {
-    if (i >= maxReads) return nullptr;
-    memset(&header, 0, sizeof(header));
-    if (Read(header.raw, w) != w || header.Magic() != kStreamHeaderMagic) return nullptr;
-    *pCursor += w;
-    if (!header.IsFree()) {
-      tag_kyStreamOffset offset = {SlotOffsetJustRead(), 0, 0, 0};
-      return OpenStreamByOffset(header, offset, SlotName(header), dwMode);
-    }
-  }
-  return nullptr;
+  const int64_t counted = static_cast<int>(m_nChildren);
+  return OpenFirstUsedSlot(pCursor, dwMode, counted < maxReads ? counted : maxReads);
 }
 
 // Not bounded by the child count: reads on until a used slot or the end of
 // the data, and never more slots than the data can hold.
 kyStream* kyStream::OpenStreamNext(int64_t* pCursor, DWORD dwMode) {
   if (pCursor == nullptr || m_hdr.Flags() != kFolderFlag || *pCursor < 0) return nullptr;
-  const int64_t w = HeaderWidth();
-  const int64_t maxReads = MaxSlotReads();
   if (SeekRight(*pCursor, true) != 0) return nullptr;
+  return OpenFirstUsedSlot(pCursor, dwMode, MaxSlotReads() - *pCursor / HeaderWidth());
+}
 
+kyStream* kyStream::OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots) {
+  const int64_t w = HeaderWidth();
   t_kyStreamU header;
-  for (int64_t slot = *pCursor / w; slot < maxReads; ++slot) {
+  for (int64_t i = 0; i < slots; ++i) {
     memset(&header, 0, sizeof(header));
     if (Read(header.raw, w) != w || header.Magic() != kStreamHeaderMagic) return nullptr;
     *pCursor += w;

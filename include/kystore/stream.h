@@ -248,6 +248,10 @@ class kyStream {
   // Most slots a walk over this folder's data may read: what its length
   // (and the file) can hold, plus one for the short read at the end.
   int64_t MaxSlotReads();
+  // Reads up to `slots` slots from the folder's cursor on, advancing
+  // *pCursor past each, and opens the first used one.  Null at a short
+  // read, a slot without the header magic, or when none is used.
+  kyStream* OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots);
   // Reads the W header bytes at a slot's file offset, leaving the shared
   // file position under this folder's cursor again.
   bool ReadSlotAt(int64_t offset, t_kyStreamU& header);
