@@ -66,6 +66,13 @@ struct Image {
   }
 };
 
+// Makes a new, empty storage at `path` and closes it again.
+void MakeEmpty(const std::string& path) {
+  kyStorage* s = kyStorage::Create(path.c_str(), 0x16, 4096);
+  ASSERT_NE(s, nullptr);
+  s->Release();
+}
+
 class StorageFileTest : public ::testing::TestWithParam<bool> {
  protected:
   bool B64() const { return GetParam(); }
@@ -322,9 +329,7 @@ TEST(StorageFileFactories, PathsMissingFilesAndOpenOrCreate) {
 TEST(StorageFileMemory, LoadServesReadsFromMemoryWithTheFileClosed) {
   kytest::TempDir dir;
   std::string path = dir.File("big.kys");
-  kyStorage* s = kyStorage::Create(path.c_str(), 0x16, 4096);
-  ASSERT_NE(s, nullptr);
-  s->Release();
+  MakeEmpty(path);
   // Grow the file to several megabytes behind the directory; the loader
   // must take all of it.
   Bytes bytes = kytest::ReadAll(path);
@@ -333,7 +338,7 @@ TEST(StorageFileMemory, LoadServesReadsFromMemoryWithTheFileClosed) {
   for (size_t i = dirEnd; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7);
   kytest::WriteAll(path, bytes);
 
-  s = kyStorage::Open(path.c_str(), 0x12, 4096, 1);
+  kyStorage* s = kyStorage::Open(path.c_str(), 0x12, 4096, 1);
   ASSERT_NE(s, nullptr);
   EXPECT_TRUE(kyTestAccess::InMemory(s));
   EXPECT_EQ(kyTestAccess::File(s), INVALID_HANDLE_VALUE);
@@ -369,10 +374,8 @@ TEST(StorageFileMemory, LoadServesReadsFromMemoryWithTheFileClosed) {
 TEST(StorageFileMemory, WriteModeOrOpenFastNeverLoads) {
   kytest::TempDir dir;
   std::string path = dir.File("rw.kys");
-  kyStorage* s = kyStorage::Create(path.c_str(), 0x16, 4096);
-  ASSERT_NE(s, nullptr);
-  s->Release();
-  s = kyStorage::Open(path.c_str(), 0x16, 4096, 1);
+  MakeEmpty(path);
+  kyStorage* s = kyStorage::Open(path.c_str(), 0x16, 4096, 1);
   ASSERT_NE(s, nullptr);
   EXPECT_FALSE(kyTestAccess::InMemory(s));
   EXPECT_NE(kyTestAccess::File(s), INVALID_HANDLE_VALUE);
@@ -386,11 +389,9 @@ TEST(StorageFileMemory, WriteModeOrOpenFastNeverLoads) {
 TEST(StorageFileReadOnly, HeaderWritesFailOnAReadOnlyOpen) {
   kytest::TempDir dir;
   std::string path = dir.File("ro.kys");
-  kyStorage* s = kyStorage::Create(path.c_str(), 0x16, 4096);
-  ASSERT_NE(s, nullptr);
-  s->Release();
+  MakeEmpty(path);
   Bytes before = kytest::ReadAll(path);
-  s = kyStorage::Open(path.c_str(), 0x12, 4096, 0);
+  kyStorage* s = kyStorage::Open(path.c_str(), 0x12, 4096, 0);
   ASSERT_NE(s, nullptr);
   t_kyStreamU h{};
   h.Magic() = kStreamHeaderMagic;
