@@ -1,6 +1,7 @@
 // Positioned reads of the storage's own file (or its in-memory image), and
 // the helpers that bound every walk along the root directory chain.
 
+#include <cstdint>
 #include <cstring>
 
 #include "container/file_access.h"
@@ -44,9 +45,30 @@ bool kyStorage::WriteStreamHeader(int64_t offset, t_kyStreamU& header) {
 }
 
 int64_t kyStorage::CurrentFileSize() {
-  if (m_bInMemory) return m_imageSize;
+  if (m_bInMemory) {
+    m_knownFileSize = m_imageSize;
+    return m_imageSize;
+  }
   LARGE_INTEGER size;
-  return GetFileSizeEx(m_hFile, &size) ? size.QuadPart : -1;
+  if (!GetFileSizeEx(m_hFile, &size)) return -1;
+  m_knownFileSize = size.QuadPart;
+  return size.QuadPart;
+}
+
+// Walks check every block and link against the file's size, so the size is
+// kept in memory: asking the file for every block would cost a system call
+// each.  Since the known size never exceeds the real one, a check that
+// passes against it is sound; one that fails may be stale and asks again.
+bool kyStorage::FileHolds(int64_t offset, int64_t count) {
+  if (offset < 0 || count < 0 || offset > INT64_MAX - count) return false;
+  const int64_t end = offset + count;
+  if (end <= m_knownFileSize) return true;
+  CurrentFileSize();
+  return end <= m_knownFileSize;
+}
+
+void kyStorage::FileReached(int64_t end) {
+  if (end > m_knownFileSize) m_knownFileSize = end;
 }
 
 int64_t kyStorage::FileSizeLimit() const {

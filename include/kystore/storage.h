@@ -189,7 +189,15 @@ class kyStorage {
   // Whether there is anything to read from: an open handle or an image.
   bool CanRead() const;
   // Current size of the file (or the image); -1 when it cannot be found.
+  // A size found is also taken as the known size below.
   int64_t CurrentFileSize();
+  // Whether the `count` bytes at `offset` lie inside the file.  Checked
+  // against the known size; the file is asked only when that is too small
+  // (another object or process may have grown the file).  False for
+  // negative values and for sums beyond the range of an offset.
+  bool FileHolds(int64_t offset, int64_t count);
+  // Notes that one of our own writes made the file reach `end` bytes.
+  void FileReached(int64_t end);
   // Largest size the file may reach: g_iMaxTolvarSize or 4294967295.
   int64_t FileSizeLimit() const;
   // Reads and checks the directory block at `offset` (magic required).
@@ -232,6 +240,9 @@ class kyStorage {
   BYTE* m_pImage;
   int64_t m_imageSize;
   int m_iFormat;
+  // The file's size as far as this object knows it, never more than the
+  // real size: 0 until first asked, raised by our own appends and growth.
+  int64_t m_knownFileSize = 0;
 };
 
 #endif  // KYSTORE_STORAGE_H_
