@@ -1,5 +1,5 @@
 // The data block chain: appending first and next blocks at the end of the
-// file, loading a block's header, and the bound on every walk along a chain.
+// file.
 
 #include <cstdlib>
 #include <cstring>
@@ -9,10 +9,6 @@
 #include "platform/win_file.h"
 
 namespace {
-
-// Hops along a chain taken before the file size is consulted.  A real chain
-// this short never needs the system call that finds the size.
-const int64_t kFirstHopLimit = 1024;
 
 // A fresh block header: magic, no data, `capacity` bytes reserved.
 DataBlock NewBlockHeader(bool b64, int64_t capacity, int64_t prevBlock) {
@@ -64,6 +60,7 @@ int64_t kyStream::AllocateFirstBlock() {
   if (block == -1) return 0;
   if (!WriteAll(m_hFile, hdr.raw, h)) return 0;
   if (!WriteDataArea(m_hFile, capacity)) return 0;
+  m_pStorage->FileReached(block + h + capacity);
 
   // Link the block into the header, in memory and on disk.
   m_hdr.SetFirstBlock(b64, block);
@@ -90,42 +87,9 @@ int64_t kyStream::AllocateNextBlock(int64_t prevBlock) {
   if (block + h >= m_pStorage->FileSizeLimit()) return 0;
   if (!WriteAll(m_hFile, hdr.raw, h)) return 0;
   if (!WriteDataArea(m_hFile, capacity)) return 0;
+  m_pStorage->FileReached(block + h + capacity);
   if (SetFilePointer(m_hFile, -(h + capacity), FILE_CURRENT) == -1) return 0;
 
   m_pStorage->m_lastAppended = block;
   return block;
-}
-
-// The header is taken only when it is whole, carries the magic and its ends
-// lie behind the header itself; anything else is damage, and m_blockHdr
-// keeps what it held.
-bool kyStream::LoadBlock(int64_t block) {
-  if (block <= 0 || SetFilePointer(m_hFile, block, FILE_BEGIN) == -1) return false;
-  const int64_t h = BlockHeaderSize();
-  DataBlock hdr;
-  memset(&hdr, 0, sizeof(hdr));
-  int64_t got = 0;
-  if (!ReadFile(m_hFile, hdr.raw, h, &got, nullptr) || got != h) return false;
-  if (hdr.Magic() != kDataBlockMagic) return false;
-  const bool b64 = W64();
-  if (hdr.UsedEnd(b64) < h || hdr.AllocEnd(b64) < h) return false;
-  // Ends that no file offset can reach would overflow the cursor's sums.
-  if (hdr.UsedEnd(b64) > INT64_MAX - block || hdr.AllocEnd(b64) > INT64_MAX - block) return false;
-  m_blockHdr = hdr;
-  m_iBlockPos = h;
-  return true;
-}
-
-// Every block of a sound chain lies in the file and is at least a header
-// long, so a chain never has more blocks than the file has headers' worth of
-// bytes.  The size is looked up only when a walk gets long.
-bool kyStream::ChainHopAllowed(int64_t& hops, int64_t& limit) {
-  if (limit <= 0) limit = kFirstHopLimit;
-  ++hops;
-  if (hops <= limit) return true;
-  if (m_pStorage == nullptr) return false;
-  const int64_t size = m_pStorage->CurrentFileSize();
-  if (size < 0) return false;
-  limit = size / BlockHeaderSize() + 1;
-  return hops <= limit;
 }

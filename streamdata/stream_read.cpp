@@ -11,8 +11,6 @@ int64_t kyStream::Read(void* buf, int64_t count) {
   const bool b64 = W64();
   BYTE* out = static_cast<BYTE*>(buf);
   int64_t total = 0;
-  int64_t hops = 0;
-  int64_t hopLimit = 0;
   for (;;) {
     if (m_iBlockPos == 0 && !LoadBlock(m_iCurBlock)) return -1;
     const int64_t avail = m_blockHdr.UsedEnd(b64) - m_iBlockPos;
@@ -25,10 +23,10 @@ int64_t kyStream::Read(void* buf, int64_t count) {
     total += n;
     m_iBlockPos += n;
     m_iDataPos += n;
-    const int64_t next = m_blockHdr.NextBlock(b64);
-    if (next == 0 || total == count) return total;
-    // A chain that loops or runs on forever fails rather than hangs.
-    if (!ChainHopAllowed(hops, hopLimit)) return -1;
+    if (total == count) return total;
+    const int64_t next = NextBlockLink();
+    if (next == 0) return total;
+    if (next < 0) return -1;
     m_iCurBlock = next;
     m_iBlockPos = 0;
   }

@@ -63,8 +63,6 @@ int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
     m_iBlockPos = 0;
     m_iDataPos = 0;
   }
-  int64_t hops = 0;
-  int64_t hopLimit = 0;
   for (;;) {
     if (m_iBlockPos == 0 && !LoadBlock(m_iCurBlock)) return fail();
     int64_t step = m_blockHdr.UsedEnd(b64) - m_iBlockPos;
@@ -74,15 +72,13 @@ int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
     m_iBlockPos += step;
     m_iDataPos += step;
     distance -= step;
-    const int64_t next = m_blockHdr.NextBlock(b64);
-    if (next == 0 || distance == 0) break;
-    if (!ChainHopAllowed(hops, hopLimit)) return fail();
+    if (distance == 0) return 0;
+    const int64_t next = NextBlockLink();
+    // At the end of the chain the target lies beyond the data.
+    if (next <= 0) return fail();
     m_iCurBlock = next;
     m_iBlockPos = 0;
   }
-  // The target lies beyond the data of the chain.
-  if (distance > 0) return fail();
-  return 0;
 }
 
 int64_t kyStream::SeekLeft(int64_t distance, bool bFromEnd) {

@@ -37,8 +37,6 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
   const BYTE* in = static_cast<const BYTE*>(buf);
   int64_t written = 0;
   int64_t visited = 0;  // the last block of this call whose header was in hand
-  int64_t hops = 0;
-  int64_t hopLimit = 0;
   bool offsetReported = false;
 
   // Writes back the block header when its data grew, a block was appended
@@ -62,9 +60,10 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     return SetFilePointer(m_hFile, m_iCurBlock + m_iBlockPos, FILE_BEGIN) != -1;
   };
 
-  // The next block of the chain cannot be read: go back to the block we
-  // came from, cut its link and carry on at the end of its data, so that a
-  // fresh block takes the damaged one's place.
+  // The next block of the chain cannot be read, or the link to it is
+  // refused: go back to the block we came from, cut its link and carry on at
+  // the end of its data, so that a fresh block takes the damaged one's
+  // place.  A block refused before any other was in hand fails the write.
   auto cutDamagedLink = [&]() -> bool {
     if (visited == 0) return false;
     m_iCurBlock = visited;
@@ -77,17 +76,17 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
   };
 
   for (;;) {
-    if (m_iBlockPos == 0) {
-      if (SetFilePointer(m_hFile, m_iCurBlock, FILE_BEGIN) == -1) return -1;
-      if (!LoadBlock(m_iCurBlock) && !cutDamagedLink()) return -1;
-    }
+    if (m_iBlockPos == 0 && !LoadBlock(m_iCurBlock) && !cutDamagedLink()) return -1;
     visited = m_iCurBlock;
 
     // Size of this pass.
     const int64_t rest = count - written;
     const int64_t m = rest < kMaxPass ? rest : kMaxPass;
     int64_t n;
-    if (m_iCurBlock == m_pStorage->m_lastAppended) {
+    // The block this object appended last ends the file, unless another
+    // object over the same file has linked a block behind it since: growing
+    // it then would overwrite that block.
+    if (m_iCurBlock == m_pStorage->m_lastAppended && m_blockHdr.NextBlock(b64) == 0) {
       // The block ends the file and grows in place, up to the file limit.
       const int64_t limit = m_pStorage->FileSizeLimit();
       const int64_t at = m_iCurBlock + m_iBlockPos;
@@ -97,8 +96,7 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
         n = limit - at;
       }
     } else {
-      // A damaged block may claim less room than it holds data; never
-      // write backwards.
+      // The room left in the block; never write backwards.
       int64_t room = m_blockHdr.AllocEnd(b64) - m_iBlockPos;
       if (room < 0) room = 0;
       n = m < room ? m : room;
@@ -114,6 +112,7 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     }
     DWORD done = 0;
     if (!WriteFile(m_hFile, in + written, static_cast<DWORD>(n), &done, nullptr)) return -1;
+    m_pStorage->FileReached(m_iCurBlock + m_iBlockPos + done);
     written += done;
     m_iBlockPos += done;
     m_iDataPos += done;
@@ -129,8 +128,12 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     }
     if (!updateHeaders(appended)) return -1;
     if (!more) return written;
-    if (!ChainHopAllowed(hops, hopLimit)) return -1;
-    m_iCurBlock = m_blockHdr.NextBlock(b64);
-    m_iBlockPos = 0;
+    const int64_t next = NextBlockLink();
+    if (next > 0) {
+      m_iCurBlock = next;
+      m_iBlockPos = 0;
+    } else if (!cutDamagedLink()) {
+      return -1;
+    }
   }
 }

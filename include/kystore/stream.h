@@ -224,10 +224,14 @@ class kyStream {
   int64_t AllocateFirstBlock();
   int64_t AllocateNextBlock(int64_t prevBlock);
   int64_t NewBlockCapacity() const;
+  // The chain rules every walk applies, reading or writing.  LoadBlock
+  // takes the header of `block` into m_blockHdr (the cursor then stands
+  // after it) only when the block is usable: inside the file, with the
+  // magic and ordered ends.  NextBlockLink gives the loaded block's next
+  // block, 0 at the end of the chain, or -1 when the link is refused: it
+  // must point behind the block's whole room, to a header inside the file.
   bool LoadBlock(int64_t block);
-  // Bounds every walk along a chain: true while `hops` stays within what
-  // the file can hold.
-  bool ChainHopAllowed(int64_t& hops, int64_t& limit);
+  int64_t NextBlockLink();
 
   int64_t SeekRight(int64_t distance, bool bFromStart);
   int64_t SeekLeft(int64_t distance, bool bFromEnd);
