@@ -54,6 +54,7 @@ int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
   block.d32.head.dwMagic = kDirectoryBlockMagic;
   block.d32.head.dwSlotCount = m_wSlotsPerBlock;
   if (!WriteAll(m_hFile, block.raw, size)) return -1;
+  FileReached(at + size);
   // From here on no data block ends the file, whether or not the link below
   // is written: none may grow in place over the new block.
   m_lastAppended = at + size;
@@ -70,23 +71,17 @@ int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
 // absent, creation refuses rather than risk two streams of one name.
 bool kyStorage::NameOnDisk(const char* name) {
   const bool b64 = m_bUse64BitOffsets != 0;
-  const int64_t maxBlocks = MaxDirectoryBlocks();
-  int64_t blockOffset = m_rootOffset;
-  for (int64_t visited = 0; blockOffset != 0; ++visited) {
-    DirectoryBlock block;
-    if (visited >= maxBlocks || !ReadDirectoryBlock(blockOffset, block)) return true;
+  DirectoryBlock block;
+  int64_t blockOffset = 0;
+  int step;
+  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
     for (int64_t i = 0; i < UsableSlots(block); ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree() && SlotName(slot) == name) return true;
     }
-    const int64_t next = block.NextBlock(b64);
-    // Blocks are only ever appended, so a link that does not lead further
-    // into the file is damage (and may loop).
-    if (next != 0 && next <= blockOffset) return true;
-    blockOffset = next;
   }
-  return false;
+  return step < 0;
 }
 
 // Creates root stream `name` in the first free slot in search order (the
@@ -113,14 +108,21 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
   }
 
   const bool b64 = m_bUse64BitOffsets != 0;
-  // Bounds the walk: a chain can hold no more blocks than the file, plus the
-  // one this call may append.
-  const int64_t maxBlocks = MaxDirectoryBlocks() + 1;
-  int64_t blockOffset = m_rootOffset;
+  DirectoryBlock block;
+  int64_t blockOffset = 0;
   int64_t first = bFast ? 0 : m_wFastSlots;
-  for (int64_t visited = 0; visited < maxBlocks; ++visited) {
-    DirectoryBlock block;
-    if (!ReadDirectoryBlock(blockOffset, block)) return nullptr;
+  for (bool appended = false;; first = 0) {
+    const int step = NextDirectoryBlock(blockOffset, block);
+    if (step < 0) return nullptr;
+    if (step == 0) {
+      // Every slot of the chain is taken: a new block joins it.  Should the
+      // new block offer no free slot after all, the search ends there.
+      if (appended) return nullptr;
+      const int64_t added = AppendDirectoryBlock(blockOffset);
+      if (added < 0 || !ReadDirectoryBlock(added, block)) return nullptr;
+      blockOffset = added;
+      appended = true;
+    }
     int64_t end = UsableSlots(block);
     if (bFast && end > m_wFastSlots) end = m_wFastSlots;
     for (int64_t i = first; i < end; ++i) {
@@ -132,35 +134,37 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
         return OpenStreamByOffset(where, SlotName(slot), mode);
       }
       if (!slot.IsFree()) continue;
-
-      t_kyStreamU header = NewHeader(name, dwType, slot, b64);
-      const int64_t slotOffset = SlotOffset(blockOffset, i, b64);
-      if (!WriteStreamHeader(slotOffset, header)) return nullptr;
-      tag_kyStreamOffset where = {slotOffset, blockOffset, block.SlotCount(),
-                                  static_cast<DWORD>(header.Duration()) * 60u};
-      kyStream* stm = new (std::nothrow) kyStream(this, header, m_hFile, where);
-      if (stm == nullptr) return nullptr;
-      m_streamMap.SetAt(name, where);
-      stm->m_dwOpenMode = mode;
-      stm->m_b64BitOffsets = m_bUse64BitOffsets;
-      // A folder's data begin with its child count.  Should that write fail,
-      // the folder is still handed out: its name is on disk and in the map,
-      // and a folder without data has no children.
-      const DWORD noChildren = 0;
-      if (header.Flags() == kFolderFlag) stm->Write(&noChildren, sizeof(noChildren));
-      return stm;
+      return CreateInSlot(name, dwType, mode, blockOffset, block, i);
     }
     // The fast area never grows, and opening the first slot never writes.
     if (bFast || bOpenFirst) return nullptr;
-    int64_t next = block.NextBlock(b64);
-    if (next == 0) next = AppendDirectoryBlock(blockOffset);
-    // A link back to this block or an earlier one is damage: following it
-    // could put an ordinary stream into a fast slot, or loop.
-    if (next <= blockOffset) return nullptr;
-    blockOffset = next;
-    first = 0;
   }
-  return nullptr;
+}
+
+// Writes the header of new stream `name` into free slot `index` of the
+// directory block at `blockOffset` (read whole into `block`), maps the name
+// and hands out the stream.
+kyStream* kyStorage::CreateInSlot(const char* name, DWORD dwType, DWORD mode, int64_t blockOffset,
+                                  const DirectoryBlock& block, int64_t index) {
+  const bool b64 = m_bUse64BitOffsets != 0;
+  t_kyStreamU slot;
+  CopyDirectorySlot(block, index, b64, slot);
+  t_kyStreamU header = NewHeader(name, dwType, slot, b64);
+  const int64_t slotOffset = SlotOffset(blockOffset, index, b64);
+  if (!WriteStreamHeader(slotOffset, header)) return nullptr;
+  tag_kyStreamOffset where = {slotOffset, blockOffset, block.SlotCount(),
+                              static_cast<DWORD>(header.Duration()) * 60u};
+  kyStream* stm = new (std::nothrow) kyStream(this, header, m_hFile, where);
+  if (stm == nullptr) return nullptr;
+  m_streamMap.SetAt(name, where);
+  stm->m_dwOpenMode = mode;
+  stm->m_b64BitOffsets = m_bUse64BitOffsets;
+  // A folder's data begin with its child count.  Should that write fail,
+  // the folder is still handed out: its name is on disk and in the map,
+  // and a folder without data has no children.
+  const DWORD noChildren = 0;
+  if (header.Flags() == kFolderFlag) stm->Write(&noChildren, sizeof(noChildren));
+  return stm;
 }
 
 kyStream* kyStorage::CreateStream(const char* name, DWORD dwType, DWORD mode) {

@@ -65,28 +65,18 @@ kyStream* kyStorage::OpenStreamFirst2(int& cursor, DWORD mode) {
   m_streamNames.RemoveAll();
   if (!CanRead()) return nullptr;
   const bool b64 = m_bUse64BitOffsets != 0;
-  const int64_t maxBlocks = MaxDirectoryBlocks();
-  int64_t blockOffset = m_rootOffset;
-  for (int64_t visited = 0; blockOffset != 0; ++visited) {
-    DirectoryBlock block;
-    // A chain longer than the file can hold loops; a damaged one fails.
-    if (visited >= maxBlocks || !ReadDirectoryBlock(blockOffset, block)) {
-      m_streamNames.RemoveAll();
-      return nullptr;
-    }
+  DirectoryBlock block;
+  int64_t blockOffset = 0;
+  int step;
+  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
     for (int64_t i = 0; i < UsableSlots(block); ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree()) m_streamNames.Add(SlotName(slot));
     }
-    const int64_t next = block.NextBlock(b64);
-    // Blocks are only ever appended: a link backwards is damage.
-    if (next != 0 && next <= blockOffset) {
-      m_streamNames.RemoveAll();
-      return nullptr;
-    }
-    blockOffset = next;
   }
+  // A damaged chain gives no snapshot at all.
+  if (step < 0) m_streamNames.RemoveAll();
   if (m_streamNames.GetSize() == 0) return nullptr;
   cursor = 0;
   tag_kyStreamOffset offset;

@@ -1,5 +1,6 @@
-// Positioned reads of the storage's own file (or its in-memory image), and
-// the helpers that bound every walk along the root directory chain.
+// Positioned reads of the storage's own file (or its in-memory image), the
+// file size that walks check against, and the one step of every walk along
+// the root directory chain.
 
 #include <cstdint>
 #include <cstring>
@@ -83,8 +84,23 @@ bool kyStorage::ReadDirectoryBlock(int64_t offset, DirectoryBlock& block) {
   return block.Magic() == kDirectoryBlockMagic;
 }
 
-int64_t kyStorage::MaxDirectoryBlocks() {
-  int64_t size = CurrentFileSize();
-  if (size <= m_rootOffset) return 1;
-  return (size - m_rootOffset) / DirectoryBlockSize(m_bUse64BitOffsets != 0) + 1;
+// Directory blocks are only ever appended at the end of the file, so a
+// link of a sound chain points forward, past the whole block that holds it.
+// Taking no other link makes every walk of the chain end.
+int kyStorage::NextDirectoryBlock(int64_t& offset, DirectoryBlock& block) {
+  int64_t next = m_rootOffset;
+  if (offset != 0) {
+    next = block.NextBlock(m_bUse64BitOffsets != 0);
+    if (next == 0) return 0;
+    if (!DirectoryLinkUsable(offset, next)) return -1;
+  }
+  if (!ReadDirectoryBlock(next, block)) return -1;
+  offset = next;
+  return 1;
+}
+
+bool kyStorage::DirectoryLinkUsable(int64_t block, int64_t link) {
+  const int64_t size = DirectoryBlockSize(m_bUse64BitOffsets != 0);
+  if (block < 0 || link < 0 || link - block < size) return false;
+  return FileHolds(link, size);
 }

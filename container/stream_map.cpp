@@ -7,13 +7,11 @@
 
 bool kyStorage::InitStreamMap() {
   const bool b64 = m_bUse64BitOffsets != 0;
-  // A chain can hold no more blocks than the file; a longer walk is a loop.
-  const int64_t maxBlocks = MaxDirectoryBlocks();
-  int64_t blockOffset = m_rootOffset;
-  for (int64_t visited = 0; visited < maxBlocks; ++visited) {
-    DirectoryBlock block;
-    if (!ReadDirectoryBlock(blockOffset, block) || block.SlotCount() != kSlotsPerBlock)
-      return false;
+  DirectoryBlock block;
+  int64_t blockOffset = 0;
+  int step;
+  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
+    if (block.SlotCount() != kSlotsPerBlock) return false;
     for (int64_t i = 0; i < kSlotsPerBlock; ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
@@ -22,10 +20,8 @@ bool kyStorage::InitStreamMap() {
                                   static_cast<DWORD>(slot.Duration()) * 60u};
       m_streamMap.SetAt(SlotName(slot), where);
     }
-    blockOffset = block.NextBlock(b64);
-    if (blockOffset == 0) return true;
   }
-  return false;
+  return step == 0;
 }
 
 bool kyStorage::FindStreamOffset(const char* name, tag_kyStreamOffset& offset) {

@@ -26,16 +26,14 @@ bool kyStream::ReadNextRootSlot(t_kyStreamU& next, tag_kyStreamOffset& where) {
     where = {m_offset.headerOffset + w, m_offset.blockOffset, m_offset.dwBlockSlots, 0};
     return readAt(where.headerOffset, next.raw, w);
   }
-  int64_t link = 0;
-  if (!readAt(m_offset.blockOffset + 8, &link, b64 ? 8 : 4)) return false;
-  // Directory blocks are appended at the end of the file, so each lies
-  // beyond the one that links to it; a link backwards is a loop.
-  if (link <= m_offset.blockOffset) return false;
-  DirectoryBlock head;
-  memset(&head, 0, sizeof(head));
-  if (!readAt(link, head.raw, d + w) || head.Magic() != kDirectoryBlockMagic) return false;
-  memcpy(next.raw, head.raw + d, static_cast<size_t>(w));
-  where = {link + d, link, head.SlotCount(), 0};
+  // The next block comes from the step every walk of the directory takes,
+  // so that this walk refuses exactly the links the others refuse.
+  DirectoryBlock block;
+  int64_t at = m_offset.blockOffset;
+  if (at <= 0 || !m_pStorage->ReadDirectoryBlock(at, block)) return false;
+  if (m_pStorage->NextDirectoryBlock(at, block) <= 0) return false;
+  memcpy(next.raw, block.raw + d, static_cast<size_t>(w));
+  where = {at + d, at, block.SlotCount(), 0};
   return true;
 }
 

@@ -167,4 +167,76 @@ TEST_P(ChainRules, AnotherObjectGrowsTheFile) {
   EXPECT_EQ(Contents(b, 26), kytest::Concat(Slice(data, 0, 16), more));
 }
 
+// The root directory chain: a link is 0, or points behind the whole of its
+// block to a block that lies whole in the file.  Any other link is damage
+// for every walk: the open fails, creation writes nothing, the walks in
+// directory order stop.
+class DirectoryRules : public kytest::StreamTest {
+ protected:
+  int64_t DBS() const { return B64() ? 5904 : 5132; }
+  // Stream "pad" holds the image of a directory block whose slot 0 is used
+  // by "ghost"; then streams fill the first two directory blocks.
+  void SetUp() override {
+    auto s = Hold(CreateStorage(16));
+    Bytes ghost(static_cast<size_t>(DBS()), 0);
+    kytest::Put32(ghost, 0, kDirectoryBlockMagic);
+    kytest::Put32(ghost, 4, 64);
+    kytest::Put32(ghost, B64() ? 16 : 12, kStreamHeaderMagic);
+    memcpy(&ghost[B64() ? 20 : 16], "ghost", 5);
+    auto pad = Hold(NewStream(s, "pad"));
+    ASSERT_EQ(pad->Write(ghost.data(), DBS()), DBS());
+    inPad = kyTestAccess::Header(pad.get()).FirstBlock(B64()) + H();
+    for (int i = 1; i < 58 + 64; ++i) {
+      auto x = Hold(NewStream(s, ("s" + std::to_string(i)).c_str()));
+      second = kyTestAccess::Offset(x.get()).blockOffset;
+    }
+    pristine = kytest::ReadAll(path);
+    ASSERT_EQ(static_cast<int64_t>(pristine.size()), second + DBS());
+  }
+  void Link(Bytes& image, int64_t block, int64_t to) const {
+    if (B64())
+      kytest::Put64(image, static_cast<size_t>(block) + 8, to);
+    else
+      kytest::Put32(image, static_cast<size_t>(block) + 8, static_cast<uint32_t>(to));
+  }
+
+  Bytes pristine;
+  int64_t inPad = 0, second = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Widths, DirectoryRules, ::testing::Bool(), kytest::WidthName);
+
+TEST_P(DirectoryRules, EveryWalkRefusesTheSameLinks) {
+  const int64_t end = static_cast<int64_t>(pristine.size());
+  // A block earlier in the file that is not in the chain: no loop, but
+  // still a link backwards.
+  for (int64_t to : {inPad, second, second + 100, end}) {
+    SCOPED_TRACE(to);
+    Bytes damaged = pristine;
+    Link(damaged, second, to);
+    kytest::WriteAll(path, damaged);
+    EXPECT_EQ(OpenStorage(kModeReadWriteShared, 16), nullptr);
+    EXPECT_EQ(OpenStorage(kModeReadShared, 16, 1), nullptr);
+    auto fast = Hold(kyStorage::OpenFast(path.c_str(), kModeReadWriteShared, 16));
+    ASSERT_NE(fast, nullptr);
+    EXPECT_EQ(NewStream(fast, "new"), nullptr);
+    fast.reset();
+    EXPECT_EQ(kytest::ReadAll(path), damaged);
+    // A storage opened while the chain was sound meets the damage later.
+    kytest::WriteAll(path, pristine);
+    auto s = Hold(OpenStorage(kModeReadWriteShared, 16));
+    ASSERT_NE(s, nullptr);
+    auto last = Hold(s->OpenStream("s121", kModeReadShared));
+    ASSERT_NE(last, nullptr);
+    kytest::WriteAll(path, damaged);
+    EXPECT_EQ(NewStream(s, "new"), nullptr);
+    EXPECT_FALSE(last->GoNext());
+    EXPECT_STREQ(last->GetName(), "s121");
+    int cursor = 0;
+    EXPECT_EQ(s->OpenStreamFirst2(cursor, kModeReadShared), nullptr);
+    EXPECT_EQ(kyTestAccess::StreamNames(s.get()).GetSize(), 0);
+    EXPECT_EQ(kytest::ReadAll(path), damaged);
+  }
+}
+
 }  // namespace

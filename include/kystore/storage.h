@@ -202,8 +202,15 @@ class kyStorage {
   int64_t FileSizeLimit() const;
   // Reads and checks the directory block at `offset` (magic required).
   bool ReadDirectoryBlock(int64_t offset, DirectoryBlock& block);
-  // How many directory blocks the file can hold; bounds every chain walk.
-  int64_t MaxDirectoryBlocks();
+  // The one step of every walk along the root directory chain.  With
+  // `offset` 0 it reads the first block; otherwise the block that `block`,
+  // read at `offset`, links to.  The block is read whole into `block` and
+  // its offset put in `offset`.  Returns 1 with a block, 0 after the last
+  // block, -1 when a block cannot be read or a link is damage.
+  int NextDirectoryBlock(int64_t& offset, DirectoryBlock& block);
+  // A link of the directory block at `block` leads on only when it points
+  // behind the whole block, to a block that lies whole in the file.
+  bool DirectoryLinkUsable(int64_t block, int64_t link);
 
   // Root stream map.
   bool InitStreamMap();
@@ -218,6 +225,8 @@ class kyStorage {
   kyStream* CreateStreamHelper(const char* name, DWORD dwType, DWORD mode, bool bFast,
                                bool bOpenFirst);
   bool NameOnDisk(const char* name);
+  kyStream* CreateInSlot(const char* name, DWORD dwType, DWORD mode, int64_t blockOffset,
+                         const DirectoryBlock& block, int64_t index);
   int64_t AppendDirectoryBlock(int64_t lastBlock);
 
   int64_t m_memPos;
