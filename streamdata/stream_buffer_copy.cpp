@@ -8,7 +8,11 @@ namespace {
 const int64_t kTransferCap = 0x3F000000LL;
 }  // namespace
 
+// A damaged length copies nothing: no buffer is sized by a length the file
+// cannot hold.
 DWORD kyStream::CopyStreamToBuffer(BYTE*& buf, BOOL bSkipPrefix) {
+  buf = nullptr;
+  if (!LengthUsable()) return 0;
   int64_t len = GetLength();
   if (bSkipPrefix) {
     // The prefix skipped is an offset's width: 8 bytes with 64-bit offsets.
@@ -17,7 +21,6 @@ DWORD kyStream::CopyStreamToBuffer(BYTE*& buf, BOOL bSkipPrefix) {
     len -= width;
     Read(prefix, width);
   }
-  buf = nullptr;
   if (len <= 0) return 0;
   const int64_t size = len < kTransferCap ? len : kTransferCap;
   BYTE* copy = static_cast<BYTE*>(GlobalAlloc(GPTR, static_cast<SIZE_T>(size)));

@@ -1,16 +1,25 @@
 // Changing a stream's recorded length, and the optional size prefix at the
 // start of its data.
 
+#include "kystore/storage.h"
 #include "kystore/stream.h"
 #include "platform/win_file.h"
+
+// The data of a stream lie in the file, so no sound length exceeds the
+// file's size.  Without a storage there is no length to trust.
+bool kyStream::LengthUsable() {
+  const int64_t length = GetLength();
+  return length >= 0 && m_pStorage != nullptr && m_pStorage->FileHolds(0, length);
+}
 
 // Only the header changes: the blocks keep their data and their links, and
 // the bytes past the new length stay readable.
 bool kyStream::SetLength(int64_t newLength) {
   if (!(m_dwOpenMode & kModeWrite)) return false;
   // A negative length has no meaning on disk (with 32-bit offsets it would
-  // become a huge one); it is refused like a longer one.
-  if (newLength < 0 || newLength > GetLength()) return false;
+  // become a huge one); it is refused like a longer one.  A damaged length
+  // cannot be lowered from: Erase starts the stream over.
+  if (!LengthUsable() || newLength < 0 || newLength > GetLength()) return false;
   Seek(0, 0, true);
   m_hdr.SetLength(W64(), newLength);
   const bool written = WriteHeaderBack();
@@ -32,6 +41,8 @@ bool kyStream::Erase() {
 }
 
 BOOL kyStream::PrependSize(DWORD size) {
+  // The write below refuses a damaged length; refuse before the mark.
+  if (!LengthUsable()) return FALSE;
   if (!(m_hdr.Flags() & kSizePrefixFlag)) {
     // Mark the header first, in memory and on disk; the file position is
     // put back for the write of the prefix at the cursor.
@@ -52,7 +63,10 @@ BOOL kyStream::PrependSize(DWORD size) {
   return Write(&size, sizeof(size), true, nullptr) == -1 ? FALSE : TRUE;
 }
 
+// A damaged length reports 0, so that no caller sizes anything by it.
 BOOL kyStream::GetVerifiedDataLength(int64_t& len) {
+  len = 0;
+  if (!LengthUsable()) return FALSE;
   len = GetLength();
   if (len <= 0 || !(m_hdr.Flags() & kSizePrefixFlag)) return TRUE;
   DWORD prefix = 0;

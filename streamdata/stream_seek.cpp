@@ -92,6 +92,8 @@ int64_t kyStream::SeekLeft(int64_t distance, bool bFromEnd) {
   const bool b64 = W64();
   const int64_t h = BlockHeaderSize();
   if (bFromEnd) {
+    // The end is the recorded length; a damaged one gives no position.
+    if (!LengthUsable()) return fail();
     // A stream that never recorded its last block ends in its first.
     if (m_hdr.LastBlock(b64) == 0) m_hdr.SetLastBlock(b64, m_hdr.FirstBlock(b64));
     const int64_t last = m_hdr.LastBlock(b64);

@@ -26,6 +26,9 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
   // A storage held in memory has no file to write to.
   if (StorageInMemory()) return 0;
   if (m_pStorage == nullptr) return -1;
+  // A damaged length could end the stream anywhere; writing is refused
+  // before anything is written, and Erase makes the stream usable again.
+  if (!LengthUsable()) return -1;
   if (m_iCurBlock == 0) {
     m_iCurBlock = AllocateFirstBlock();
     if (m_iCurBlock == 0) return -1;

@@ -138,6 +138,51 @@ TEST_P(ChainRules, RefusedBlocksAndLinksNeverReachOtherStreams) {
   }
 }
 
+// A recorded length is used only when it lies between 0 and the file's size.
+// A damaged one fails the seek from the end (the cursor stays), the copy,
+// the check of the size prefix and every call that would write; reads, which
+// go by the blocks, still work.  Erase makes the stream usable again.
+TEST_P(ChainRules, DamagedLengthsAreNeverComputedWith) {
+  const int64_t end = static_cast<int64_t>(pristine.size());
+  const std::vector<int64_t> lengths =
+      B64() ? std::vector<int64_t>{static_cast<int64_t>(0x80000000000000EFULL), INT64_MAX,
+                                   INT64_MIN, -1, end + 1}
+            : std::vector<int64_t>{0x800000EF, 0xFFFFFFFF, 0x80000000, end + 1};
+  for (int64_t length : lengths) {
+    SCOPED_TRACE(length);
+    Bytes damaged = pristine;
+    SetLength(damaged, length);
+    damaged[static_cast<size_t>(headerA) + 67] = kSizePrefixFlag;
+    for (int mem = 0; mem < 2; ++mem) {
+      OpenA(damaged, mem);
+      const kytest::Cursor start = kytest::CursorOf(a);
+      EXPECT_EQ(a->Seek(0, 1), -1);
+      EXPECT_EQ(a->Seek2(-3, 0), -1);
+      EXPECT_EQ(kytest::CursorOf(a), start);
+      BYTE* copy = reinterpret_cast<BYTE*>(1);
+      EXPECT_EQ(a->CopyStreamToBuffer(copy, TRUE), 0u);
+      EXPECT_EQ(copy, nullptr);
+      int64_t len = 7;
+      EXPECT_FALSE(a->GetVerifiedDataLength(len));
+      EXPECT_EQ(len, 0);
+      EXPECT_EQ(kytest::CursorOf(a), start);
+      if (!mem) {
+        EXPECT_EQ(a->Write("abc", 3), -1);
+        EXPECT_FALSE(a->PrependSize(3));
+        EXPECT_FALSE(a->SetLength(0));
+        EXPECT_EQ(kytest::ReadAll(path), damaged);
+      }
+      EXPECT_EQ(Contents(a, 20), data);
+      if (!mem) {
+        EXPECT_TRUE(a->Erase());
+        EXPECT_EQ(a->Write("abc", 3), 3);
+        EXPECT_EQ(a->GetLength(), 3);
+      }
+      Close();
+    }
+  }
+}
+
 // Another storage object over the same file grows it: this object finds the
 // new blocks (its idea of the file's size is refreshed when a check fails),
 // and the block it last appended no longer grows in place once another

@@ -233,6 +233,11 @@ class kyStream {
   bool LoadBlock(int64_t block);
   int64_t NextBlockLink();
 
+  // Whether the recorded length can be computed with: 0 <= length <= the
+  // file's size.  A damaged length fails every call that would start from
+  // it or write.
+  bool LengthUsable();
+
   int64_t SeekRight(int64_t distance, bool bFromStart);
   int64_t SeekLeft(int64_t distance, bool bFromEnd);
   bool WriteHeaderBack();
