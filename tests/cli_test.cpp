@@ -277,8 +277,9 @@ TEST_P(CliWidth, CatOfADamagedChainFailsCleanly) {
   kytest::Put32(image, first, 0);
   kytest::WriteAll(file, image);
   EXPECT_EQ(Fails({"cat", file, "Data"}, "Data: cannot read the stream").out, "");
-  // The header is intact, so the listing still shows the stream.
-  EXPECT_EQ(Ok({"tree", file}), "Data        10000\n");
+  // The header is intact, so the listing still shows the stream, and tells
+  // that its data cannot be read.
+  EXPECT_EQ(Fails({"tree", file}, "Data: damaged").out, "Data        10000\n");
 }
 
 TEST_F(Cli, BadUsageGivesStatus2AndUsageOnStderr) {
