@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "write_journal.h"
+
 namespace {
 
 // What a HANDLE points at.  The position lives here, not in the descriptor,
@@ -84,6 +86,9 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
                OVERLAPPED* /*overlapped*/) {
   FileHandle* h = AsFile(file);
   if (written) *written = 0;
+  // An active undo journal saves the bytes this write will overwrite.
+  WriteJournalHook journal(h ? h->fd : -1, h ? &h->position : nullptr, toWrite);
+  if (!journal.Allowed()) return FALSE;
   if (h == nullptr || !h->writable || (buffer == nullptr && toWrite != 0)) return FALSE;
   DWORD done = 0;
   while (done < toWrite) {

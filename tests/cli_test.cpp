@@ -1,7 +1,4 @@
 // The kystore command, run as a separate process on temporary files.
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -17,96 +14,19 @@ TEST(Cli, NotBuilt) {
 
 #else
 
+#include "support/cli_fixture.h"
+
 namespace {
 
+using kytest::Args;
 using kytest::Bytes;
-typedef std::vector<std::string> Args;
+using kytest::CliResult;
+using kytest::Pattern;
 
-struct CliResult {
-  int status;
-  std::string out;
-  std::string err;
-};
+class Cli : public kytest::CliFixture {};
+class CliWidth : public kytest::CliWidthFixture {};
 
-std::string Quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-std::string ReadText(const std::string& path) {
-  Bytes b = kytest::ReadAll(path);
-  return std::string(b.begin(), b.end());
-}
-
-std::string Pattern(size_t n, unsigned seed) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    s[i] = static_cast<char>(seed >> 16);
-  }
-  return s;
-}
-
-class Cli : public ::testing::Test {
- protected:
-  // Runs the command with `args`, feeding `input` on stdin.
-  CliResult Run(const Args& args, const std::string& input = "") {
-    std::string in = dir.File("cli.in"), out = dir.File("cli.out"), err = dir.File("cli.err");
-    kytest::WriteAll(in, Bytes(input.begin(), input.end()));
-    std::string cmd = Quote(KYSTORE_CLI_PATH);
-    for (const std::string& a : args) cmd += " " + Quote(a);
-    cmd += " <" + Quote(in) + " >" + Quote(out) + " 2>" + Quote(err);
-    int rc = std::system(cmd.c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, ReadText(out), ReadText(err)};
-  }
-  // Runs a command that must succeed silently on stderr; returns stdout.
-  std::string Ok(const Args& args, const std::string& input = "") {
-    CliResult r = Run(args, input);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    return r.out;
-  }
-  // Runs a command that must fail with status 1 and `err` on stderr.
-  CliResult Fails(const Args& args, const std::string& err, const std::string& input = "") {
-    CliResult r = Run(args, input);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(err), std::string::npos) << r.err;
-    return r;
-  }
-  // Runs a command that must be refused as bad usage.
-  void Usage(const Args& args, const std::string& input = "") {
-    CliResult r = Run(args, input);
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("usage: kystore"), std::string::npos) << r.err;
-  }
-  // Creates root streams through the library.
-  void AddRoots(const std::vector<std::string>& names, DWORD dwType = 0) {
-    kyStorage* storage = kyStorage::Open(file.c_str(), 0x16, 4096, 0);
-    ASSERT_NE(storage, nullptr);
-    for (const std::string& name : names) {
-      kyStream* stm = storage->CreateStream(name.c_str(), dwType, 0x16);
-      ASSERT_NE(stm, nullptr);
-      stm->Release();
-    }
-    storage->Release();
-  }
-  Bytes Image() const { return kytest::ReadAll(file); }
-
-  kytest::TempDir dir;
-  std::string file = dir.File("s.kys");
-};
-
-class CliWidth : public Cli, public ::testing::WithParamInterface<bool> {
- protected:
-  void SetUp() override { Ok(GetParam() ? Args{"create", file} : Args{"create", "--32", file}); }
-};
-
-INSTANTIATE_TEST_SUITE_P(Widths, CliWidth, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& p) {
-                           return p.param ? "Offsets64" : "Offsets32";
-                         });
+INSTANTIATE_TEST_SUITE_P(Widths, CliWidth, ::testing::Bool(), kytest::WidthName);
 
 std::string Info(const std::string& header, const std::string& mark, int width, int fast,
                  int blocks, int roots, int64_t size) {
@@ -277,8 +197,9 @@ TEST_P(CliWidth, CatOfADamagedChainFailsCleanly) {
   kytest::Put32(image, first, 0);
   kytest::WriteAll(file, image);
   EXPECT_EQ(Fails({"cat", file, "Data"}, "Data: cannot read the stream").out, "");
-  // The header is intact, so the listing still shows the stream.
-  EXPECT_EQ(Ok({"tree", file}), "Data        10000\n");
+  // The header is intact, so the listing still shows the stream, and tells
+  // that its data cannot be read.
+  EXPECT_EQ(Fails({"tree", file}, "Data: damaged").out, "Data        10000\n");
 }
 
 TEST_F(Cli, BadUsageGivesStatus2AndUsageOnStderr) {

@@ -3,10 +3,12 @@
 #include <memory>
 #include <vector>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_util.h"
 #include "stream_path.h"
+#include "tree_walk.h"
 
 namespace kycli {
 
@@ -19,13 +21,16 @@ struct CatOptions {
   std::string path;
 };
 
-// Copies exactly GetLength() bytes from the start of the stream.
+// Copies exactly GetLength() bytes from the start of the stream.  A length
+// the blocks cannot give is refused before anything is written.
 int CopyToStdout(kyStream* stm, const std::string& subject) {
   int64_t length = stm->GetLength();
-  // Opening the path moved the shared file position; start from an
-  // absolute seek (a stream without blocks cannot seek, and has no data).
-  if (length > 0 && stm->Seek(0, 0, true) != 0) {
-    Complain(subject, "cannot read the stream (damaged?)");
+  std::string problem = LengthProblem(stm);
+  // The check moved the shared file position; start from an absolute seek
+  // (a stream without blocks cannot seek, and has no data).
+  if (problem.empty() && length > 0 && stm->Seek(0, 0, true) != 0) problem = "damaged";
+  if (!problem.empty()) {
+    Complain(subject, "cannot read the stream: " + problem);
     return kExitFailure;
   }
   std::vector<char> buf(1 << 20);
@@ -33,7 +38,7 @@ int CopyToStdout(kyStream* stm, const std::string& subject) {
     int64_t want = length - done < static_cast<int64_t>(buf.size()) ? length - done : buf.size();
     int64_t got = stm->Read(buf.data(), want);
     if (got <= 0) {
-      Complain(subject, "cannot read the stream past byte " + std::to_string(done) + " (damaged?)");
+      Complain(subject, "cannot read the stream past byte " + std::to_string(done) + ": damaged");
       return kExitFailure;
     }
     if (fwrite(buf.data(), 1, static_cast<size_t>(got), stdout) != static_cast<size_t>(got)) {
@@ -45,9 +50,7 @@ int CopyToStdout(kyStream* stm, const std::string& subject) {
   return kExitOk;
 }
 
-int RunCat(const CatOptions& opt) {
-  StreamPath path;
-  if (!ParsePathArgument(opt.path, kCatSynopsis, path)) return kExitUsage;
+int CatStream(const CatOptions& opt, const StreamPath& path) {
   OpenedPath opened(opt.file, path, false);
   if (!opened) return kExitFailure;
   if (opened.Leaf()->IsFolder()) {
@@ -55,6 +58,12 @@ int RunCat(const CatOptions& opt) {
     return kExitFailure;
   }
   return CopyToStdout(opened.Leaf(), opt.file + ": " + JoinPath(path));
+}
+
+int RunCat(const CatOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kCatSynopsis, path)) return kExitUsage;
+  return RunReading({opt.file}, [&] { return CatStream(opt, path); });
 }
 
 }  // namespace

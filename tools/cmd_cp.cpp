@@ -5,10 +5,14 @@
 #include <algorithm>
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
+#include "hierarchy/child_slots.h"
 #include "kystore.h"
 #include "storage_util.h"
+#include "storage_scan.h"
 #include "stream_path.h"
+#include "tree_walk.h"
 
 namespace kycli {
 
@@ -39,7 +43,7 @@ bool IsInside(const StreamPath& path, const StreamPath& outer) {
 // copy (there is nothing to copy, and the destination has been emptied),
 // so its result alone cannot tell a complete copy of such a folder.
 bool CopyMatches(kyStream* src, kyStream* dst, int depth) {
-  if (depth > 1000) return false;  // deeper than any real tree: damage
+  if (depth > kMaxFolderDepth) return false;  // deeper than the library opens
   int64_t cursor = 0;
   for (kyStream* child = src->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
        child = src->OpenStreamNext(&cursor, kModeReadShared)) {
@@ -64,7 +68,7 @@ int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std
   if (folder) {
     // CopyFolder refuses a destination inside the source itself.
     if (!src->CopyFolder(chain.Leaf()) && !CopyMatches(src, chain.Leaf(), 0)) {
-      ComplainAbout(dstFile, dstPath, "the folder was not copied completely");
+      ComplainAbout(dstFile, dstPath, WithWriteError("the folder was not copied completely"));
       return kExitFailure;
     }
     return kExitOk;
@@ -72,10 +76,57 @@ int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std
   // CopyStream reports an empty source as a failure after emptying the
   // destination, which is what copying an empty stream means.
   if (!src->CopyStream(chain.Leaf()) && src->GetLength() > 0) {
-    ComplainAbout(dstFile, dstPath, "the stream was not copied completely");
+    ComplainAbout(dstFile, dstPath, WithWriteError("the stream was not copied completely"));
     return kExitFailure;
   }
   return kExitOk;
+}
+
+// Walks the whole source before anything is written: damage in it is
+// reported (with the path where it lies) and refused, and so is a tree
+// that would nest deeper at the destination than the library opens.
+bool CheckSource(kyStream* src, const CpOptions& opt, const StreamPath& srcPath,
+                 const StreamPath& dstPath) {
+  StorageScan scan;
+  std::string error;
+  if (!ScanStorage(opt.srcFile, scan, error)) {
+    Complain(opt.srcFile, error);
+    return false;
+  }
+  TreeWalk walk(scan, StreamPath(srcPath.begin(), srcPath.end() - 1));
+  walk.Add(src, 0);
+  for (const TreeProblem& p : walk.Problems()) ComplainAbout(opt.srcFile, p.path, p.message);
+  if (!walk.Problems().empty()) return false;
+  if (dstPath.size() + walk.Height() > static_cast<size_t>(kMaxFolderDepth)) {
+    ComplainAbout(opt.dstFile, dstPath,
+                  "the copy would nest deeper than " + std::to_string(kMaxFolderDepth) + " levels");
+    return false;
+  }
+  return true;
+}
+
+int Copy(const CpOptions& opt, const StreamPath& srcPath, const StreamPath& dstPath,
+         bool sameFile) {
+  OpenedStorage dst(opt.dstFile, true);
+  if (!dst) return kExitFailure;
+  std::unique_ptr<OpenedStorage> ownSrc;
+  kyStorage* src = dst.get();
+  if (!sameFile) {
+    ownSrc.reset(new OpenedStorage(opt.srcFile, false));
+    if (!*ownSrc) return kExitFailure;
+    src = ownSrc->get();
+  }
+  // The check moves the source's cursor; the copy gets objects of its own,
+  // which start from the beginning.
+  {
+    StreamChain checked;
+    if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, checked) ||
+        !CheckSource(checked.Leaf(), opt, srcPath, dstPath))
+      return kExitFailure;
+  }
+  StreamChain srcChain;
+  if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, srcChain)) return kExitFailure;
+  return CopyInto(srcChain.Leaf(), dst.get(), dstPath, opt.dstFile);
 }
 
 int RunCp(const CpOptions& opt) {
@@ -95,18 +146,9 @@ int RunCp(const CpOptions& opt) {
     ComplainAbout(opt.dstFile, dstPath, "lies inside " + JoinPath(srcPath));
     return kExitFailure;
   }
-  OpenedStorage dst(opt.dstFile, true);
-  if (!dst) return kExitFailure;
-  std::unique_ptr<OpenedStorage> ownSrc;
-  kyStorage* src = dst.get();
-  if (!sameFile) {
-    ownSrc.reset(new OpenedStorage(opt.srcFile, false));
-    if (!*ownSrc) return kExitFailure;
-    src = ownSrc->get();
-  }
-  StreamChain srcChain;
-  if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, srcChain)) return kExitFailure;
-  return CopyInto(srcChain.Leaf(), dst.get(), dstPath, opt.dstFile);
+  const std::vector<std::string> reads =
+      sameFile ? std::vector<std::string>() : std::vector<std::string>{opt.srcFile};
+  return RunChanging(opt.dstFile, reads, [&] { return Copy(opt, srcPath, dstPath, sameFile); });
 }
 
 }  // namespace

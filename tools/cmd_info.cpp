@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_scan.h"
@@ -40,7 +41,7 @@ void PrintScan(const StorageScan& scan, bool opens) {
   printf("opens:            %s\n", opens ? "yes" : "no (the library refuses this file)");
 }
 
-int RunInfo(const std::string& file) {
+int DescribeStorage(const std::string& file) {
   StorageScan scan;
   std::string error;
   if (!ScanStorage(file, scan, error)) {
@@ -54,6 +55,10 @@ int RunInfo(const std::string& file) {
     return kExitFailure;
   }
   return kExitOk;
+}
+
+int RunInfo(const std::string& file) {
+  return RunReading({file}, [&] { return DescribeStorage(file); });
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_scan.h"
@@ -121,15 +122,26 @@ int ListDurations(kyStorage* storage, const LsOptions& opt, const StorageScan& s
   return kExitOk;
 }
 
-int RunLs(const LsOptions& opt) {
+int ListRoots(const LsOptions& opt) {
   OpenedStorage storage(opt.file, false);
   if (!storage) return kExitFailure;
   StorageScan scan;
   std::string error;
-  ScanStorage(opt.file, scan, error);  // only for the slot column
-  if (opt.durations) return ListDurations(storage.get(), opt, scan);
-  if (opt.sort || opt.desc) return ListNameOrder(storage.get(), opt, scan);
-  return ListDirectoryOrder(storage.get(), opt, scan);
+  ScanStorage(opt.file, scan, error);  // for the slot column and the chain
+  int status = opt.durations          ? ListDurations(storage.get(), opt, scan)
+               : opt.sort || opt.desc ? ListNameOrder(storage.get(), opt, scan)
+                                      : ListDirectoryOrder(storage.get(), opt, scan);
+  // A directory chain that breaks off hides the streams behind the break.
+  if (!scan.chainProblem.empty()) {
+    fflush(stdout);
+    Complain(opt.file, scan.chainProblem);
+    status = kExitFailure;
+  }
+  return status;
+}
+
+int RunLs(const LsOptions& opt) {
+  return RunReading({opt.file}, [&] { return ListRoots(opt); });
 }
 
 }  // namespace

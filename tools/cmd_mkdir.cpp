@@ -1,6 +1,7 @@
 // kystore mkdir [-p] FILE PATH: creates a folder.
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_util.h"
@@ -40,20 +41,24 @@ int MakeOne(kyStorage* storage, const StreamPath& path, const std::string& file)
   }
   kyStream* folder = CreateChild(storage, chain.Leaf(), path.back(), true);
   if (folder == nullptr) {
-    ComplainAbout(file, path, "cannot create the folder");
+    ComplainAbout(file, path, WithWriteError("cannot create the folder"));
     return kExitFailure;
   }
   folder->Release();
   return kExitOk;
 }
 
-int RunMkdir(const MkdirOptions& opt) {
-  StreamPath path;
-  if (!ParsePathArgument(opt.path, kMkdirSynopsis, path)) return kExitUsage;
+int Make(const MkdirOptions& opt, const StreamPath& path) {
   OpenedStorage storage(opt.file, true);
   if (!storage) return kExitFailure;
   if (opt.parents) return MakeWithParents(storage.get(), path, opt.file);
   return MakeOne(storage.get(), path, opt.file);
+}
+
+int RunMkdir(const MkdirOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kMkdirSynopsis, path)) return kExitUsage;
+  return RunChanging(opt.file, {}, [&] { return Make(opt, path); });
 }
 
 }  // namespace

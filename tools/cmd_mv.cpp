@@ -1,6 +1,7 @@
 // kystore mv FILE PATH NEWNAME: renames a stream or folder in place.
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_util.h"
@@ -32,15 +33,7 @@ bool SiblingExists(kyStorage* storage, kyStream* parent, const std::string& name
   return parent->FindStream(name.c_str(), header, offset);
 }
 
-int RunMv(const MvOptions& opt) {
-  StreamPath path;
-  if (!ParsePathArgument(opt.path, kMvSynopsis, path)) return kExitUsage;
-  if (opt.newName.find('/') != std::string::npos)
-    return UsageError(kMvSynopsis, "'" + opt.newName + "': NEWNAME is a name, not a path");
-  std::string problem;
-  if (!CheckPath({opt.newName}, problem)) return UsageError(kMvSynopsis, problem);
-  if (opt.newName == path.back()) return kExitOk;
-
+int Rename(const MvOptions& opt, const StreamPath& path) {
   OpenedPath opened(opt.file, path, true);
   if (!opened) return kExitFailure;
   // Renaming does not look at the siblings; two streams of one name would
@@ -52,10 +45,21 @@ int RunMv(const MvOptions& opt) {
     return kExitFailure;
   }
   if (!opened.Leaf()->Rename(opt.newName.c_str())) {
-    ComplainAbout(opt.file, path, "cannot rename");
+    ComplainAbout(opt.file, path, WithWriteError("cannot rename"));
     return kExitFailure;
   }
   return kExitOk;
+}
+
+int RunMv(const MvOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kMvSynopsis, path)) return kExitUsage;
+  if (opt.newName.find('/') != std::string::npos)
+    return UsageError(kMvSynopsis, "'" + opt.newName + "': NEWNAME is a name, not a path");
+  std::string problem;
+  if (!CheckPath({opt.newName}, problem)) return UsageError(kMvSynopsis, problem);
+  if (opt.newName == path.back()) return kExitOk;
+  return RunChanging(opt.file, {}, [&] { return Rename(opt, path); });
 }
 
 }  // namespace

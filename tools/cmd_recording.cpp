@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 
@@ -98,7 +99,7 @@ unsigned char* LoadFile(const std::string& file, unsigned int& size, std::string
   return buf;
 }
 
-int RunRecording(const std::string& file) {
+int PrintRecording(const std::string& file) {
   unsigned int size = 0;
   std::string error;
   unsigned char* buf = LoadFile(file, size, error);
@@ -122,6 +123,12 @@ int RunRecording(const std::string& file) {
     }
     PrintRecord(op, name, data, n);
   }
+}
+
+// The buffer is a plain file, not a storage; it is still refused unless it
+// is a regular file, and read under a shared lock like a storage.
+int RunRecording(const std::string& file) {
+  return RunReading({file}, [&] { return PrintRecording(file); });
 }
 
 }  // namespace

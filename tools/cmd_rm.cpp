@@ -2,6 +2,7 @@
 // is not empty.
 #include <memory>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
 #include "storage_util.h"
@@ -27,9 +28,7 @@ bool HasChildren(kyStream* folder) {
   return true;
 }
 
-int RunRm(const RmOptions& opt) {
-  StreamPath path;
-  if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
+int Remove(const RmOptions& opt, const StreamPath& path) {
   OpenedPath opened(opt.file, path, true);
   if (!opened) return kExitFailure;
   kyStream* stm = opened.Leaf();
@@ -39,11 +38,17 @@ int RunRm(const RmOptions& opt) {
     return kExitFailure;
   }
   if (!stm->Remove()) {
-    ComplainAbout(opt.file, path, "cannot remove");
+    ComplainAbout(opt.file, path, WithWriteError("cannot remove"));
     return kExitFailure;
   }
   opened.Chain().DropLeaf();  // Remove has destroyed the object
   return kExitOk;
+}
+
+int RunRm(const RmOptions& opt) {
+  StreamPath path;
+  if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
+  return RunChanging(opt.file, {}, [&] { return Remove(opt, path); });
 }
 
 }  // namespace

@@ -1,15 +1,17 @@
 // kystore tree FILE [PATH]: prints the streams below the root (or below
-// PATH) as an indented tree with lengths, folder marks and durations.
-#include <sys/stat.h>
-
+// PATH) as an indented tree with lengths, folder marks and durations, and
+// reports the damage it meets.
 #include <cstdio>
 #include <memory>
 #include <vector>
 
+#include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
+#include "storage_scan.h"
 #include "storage_util.h"
 #include "stream_path.h"
+#include "tree_walk.h"
 
 namespace kycli {
 
@@ -17,73 +19,9 @@ namespace {
 
 const char kTreeSynopsis[] = "kystore tree FILE [PATH]";
 
-// Deeper nesting than this is taken for a folder that contains itself.
-const int kMaxDepth = 1000;
-
 struct TreeOptions {
   std::string file;
   std::string path;
-};
-
-struct TreeLine {
-  int depth;
-  std::string name;
-  bool folder;
-  int64_t length;
-  DWORD seconds;
-};
-
-// Collects the lines of a tree.  A damaged file can make a folder hold
-// itself; the walk is therefore bounded both in depth and in the number of
-// streams, which cannot exceed what the file has room for (one header
-// slot, at least 80 bytes, per stream).
-class TreeWalk {
- public:
-  explicit TreeWalk(int64_t budget) : m_budget(budget) {}
-
-  bool Add(kyStream* stm, int depth) {
-    if (--m_budget < 0) {
-      m_problem = "more streams than the file can hold (a folder contains itself?)";
-      return false;
-    }
-    m_lines.push_back({depth, stm->GetName(), stm->IsFolder() != 0, stm->GetLength(),
-                       static_cast<DWORD>(stm->GetDuration()) * 60});
-    return !stm->IsFolder() || Children(stm, depth + 1);
-  }
-
-  // Walks the children of `folder` in slot order.
-  bool Children(kyStream* folder, int depth) {
-    if (depth > kMaxDepth) {
-      m_problem = "folders nested deeper than " + std::to_string(kMaxDepth) + " levels";
-      return false;
-    }
-    int64_t cursor = 0;
-    for (kyStream* child = folder->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
-         child = folder->OpenStreamNext(&cursor, kModeReadShared)) {
-      bool ok = Add(child, depth);
-      child->Release();
-      if (!ok) return false;
-    }
-    return true;
-  }
-
-  // The root streams in directory order.
-  bool Roots(kyStorage* storage) {
-    return ForEachRootStream(storage, [this](kyStream* stm, int) {
-      if (stm == nullptr) return true;
-      bool ok = Add(stm, 0);
-      stm->Release();
-      return ok;
-    });
-  }
-
-  const std::vector<TreeLine>& lines() const { return m_lines; }
-  const std::string& problem() const { return m_problem; }
-
- private:
-  int64_t m_budget;
-  std::vector<TreeLine> m_lines;
-  std::string m_problem;
 };
 
 void PrintLines(const std::vector<TreeLine>& lines) {
@@ -100,25 +38,32 @@ void PrintLines(const std::vector<TreeLine>& lines) {
   }
 }
 
-int64_t StreamBudget(const std::string& file) {
-  struct stat st;
-  if (stat(file.c_str(), &st) != 0) return 0;
-  return static_cast<int64_t>(st.st_size) / 80 + 1;
+int PrintTree(const TreeOptions& opt, const StreamPath& path) {
+  OpenedPath opened(opt.file, path, false);
+  if (!opened) return kExitFailure;
+  StorageScan scan;
+  std::string error;
+  if (!ScanStorage(opt.file, scan, error)) {
+    Complain(opt.file, error);
+    return kExitFailure;
+  }
+  TreeWalk walk(scan, path.empty() ? path : StreamPath(path.begin(), path.end() - 1));
+  if (path.empty())
+    walk.Roots(opened.Storage());
+  else
+    walk.Add(opened.Leaf(), 0);
+  PrintLines(walk.Lines());
+  if (walk.Problems().empty()) return kExitOk;
+  fflush(stdout);
+  for (const TreeProblem& p : walk.Problems()) ComplainAbout(opt.file, p.path, p.message);
+  return kExitFailure;
 }
 
 int RunTree(const TreeOptions& opt) {
   StreamPath path = SplitPath(opt.path);
   std::string problem;
   if (!CheckPath(path, problem)) return UsageError(kTreeSynopsis, problem);
-  OpenedPath opened(opt.file, path, false);
-  if (!opened) return kExitFailure;
-  TreeWalk walk(StreamBudget(opt.file));
-  bool ok = path.empty() ? walk.Roots(opened.Storage()) : walk.Add(opened.Leaf(), 0);
-  PrintLines(walk.lines());
-  if (ok) return kExitOk;
-  fflush(stdout);
-  Complain(opt.file, walk.problem());
-  return kExitFailure;
+  return RunReading({opt.file}, [&] { return PrintTree(opt, path); });
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "path_util.h"
 
+#include "hierarchy/child_slots.h"
 #include "kystore/format.h"
 
 namespace kycli {
@@ -31,6 +32,11 @@ bool IsValidName(const std::string& name) {
 }
 
 bool CheckPath(const StreamPath& path, std::string& problem) {
+  // The library opens no deeper; a longer path would fail half-way through.
+  if (path.size() > static_cast<size_t>(kMaxFolderDepth)) {
+    problem = "a path has at most " + std::to_string(kMaxFolderDepth) + " names";
+    return false;
+  }
   for (const std::string& name : path) {
     if (IsValidName(name)) continue;
     if (name.find('\0') != std::string::npos)

@@ -25,8 +25,9 @@ std::string JoinPath(const StreamPath& path, size_t count = static_cast<size_t>(
 // True when `name` can name a stream: 1 to 60 bytes, no '/' and no NUL.
 bool IsValidName(const std::string& name);
 
-// Checks every name of `path`; on the first bad one returns false with a
-// message in `problem`.
+// Checks the depth of `path` (at most as many names as the library opens
+// levels) and every name; on the first fault returns false with a message
+// in `problem`.
 bool CheckPath(const StreamPath& path, std::string& problem);
 
 }  // namespace kycli

@@ -3,6 +3,7 @@
 #define KYSTORE_TOOLS_STORAGE_UTIL_H_
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,15 @@ class OpenedStorage {
 // false only in the second case.
 bool ForEachRootStream(kyStorage* storage,
                        const std::function<bool(kyStream* stm, int cursor)>& visit);
+
+// One stream object, released when the holder goes (declare it after the
+// chain holding its parent, so that it goes first).
+struct StreamReleaser {
+  void operator()(kyStream* stm) const {
+    if (stm != nullptr) stm->Release();
+  }
+};
+typedef std::unique_ptr<kyStream, StreamReleaser> StreamPtr;
 
 // The streams opened along a path, outermost first.  A child keeps a
 // pointer to its parent, so the chain releases the innermost stream first;

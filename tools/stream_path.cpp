@@ -1,5 +1,6 @@
 #include "stream_path.h"
 
+#include "change_session.h"
 #include "commands.h"
 
 namespace kycli {
@@ -62,7 +63,7 @@ bool WalkAndReport(kyStorage* storage, const std::string& file, const StreamPath
   PathResult result = WalkPath(storage, path, mode, ifMissing, chain, failedAt);
   if (result == PathResult::kOpened) return true;
   StreamPath where(path.begin(), path.begin() + failedAt + 1);
-  ComplainAbout(file, where, DescribeFailure(result));
+  ComplainAbout(file, where, WithWriteError(DescribeFailure(result)));
   return false;
 }
 
@@ -87,8 +88,9 @@ kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& nam
   return parent->OpenStream(name.c_str(), mode);
 }
 
-kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder) {
-  DWORD type = folder ? 1 : 0;
+kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder,
+                      WORD minutes) {
+  DWORD type = (static_cast<DWORD>(minutes) << 16) | (folder ? 1 : 0);
   if (parent == nullptr) return storage->CreateStream(name.c_str(), type, kModeReadWriteShared);
   return parent->CreateStream(name.c_str(), type, kModeReadWriteShared, 1);
 }
@@ -103,7 +105,7 @@ bool OpenOrCreatePath(kyStorage* storage, const std::string& file, const StreamP
   IfMissing ifMissing = leafFolder ? IfMissing::kMakeFolder : IfMissing::kMakeDataStream;
   if (!WalkAndReport(storage, file, path, kModeReadWriteShared, ifMissing, chain)) return false;
   if (chain.LeafIsFolder() == leafFolder) return true;
-  ComplainAbout(file, path, leafFolder ? "exists and is not a folder" : "is a folder");
+  ComplainAbout(file, path, leafFolder ? "not a folder" : "is a folder");
   return false;
 }
 

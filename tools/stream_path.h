@@ -22,9 +22,10 @@ void ComplainAbout(const std::string& file, const StreamPath& path, const std::s
 // Opens the root stream (parent null) or the child `name` of `parent`.
 kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& name, DWORD mode);
 
-// Creates the root stream or child `name` (a folder or a data stream),
-// opened with mode 0x16.
-kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder);
+// Creates the root stream or child `name` (a folder or a data stream, with
+// a duration of `minutes`), opened with mode 0x16.
+kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder,
+                      WORD minutes = 0);
 
 // Opens every stream along `path` with `mode`, outermost first, onto
 // `chain`.  A name that is missing or that follows a data stream is
@@ -37,7 +38,7 @@ bool OpenPath(kyStorage* storage, const std::string& file, const StreamPath& pat
 // Like OpenPath with mode 0x16, but creates missing folders on the way and
 // a missing last stream as a folder or a data stream (`leafFolder`).  An
 // existing last stream of the other kind is refused too ("is a folder",
-// "exists and is not a folder").
+// "not a folder").
 bool OpenOrCreatePath(kyStorage* storage, const std::string& file, const StreamPath& path,
                       bool leafFolder, StreamChain& chain);
 
