@@ -258,6 +258,9 @@ class kyStream {
   // Whether a child whose slot lies at `headerOffset` may be opened below
   // this folder: not one of its own ancestors' slots, not too deep.
   bool ChildOpenAllowed(int64_t headerOffset);
+  // Puts the shared file position back under this object's cursor, which
+  // another object's transfer may have moved.  False when it cannot be.
+  bool ResumeAtCursor();
   // Whether `other` stands for the same slot of the same file.
   bool IsSameStream(const kyStream* other) const;
   // Whether `dst` is this folder or lies below it.
