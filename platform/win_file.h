@@ -42,6 +42,13 @@ HANDLE CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, void* securit
 // (then *read < toRead), FALSE on an error or a handle without read access.
 BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* overlapped);
 
+// Not a Win32 call: reads up to `toRead` bytes at file offset `offset`
+// without using or moving the handle's position, for reads the library
+// makes on its own behalf while streams rely on that position.  TRUE also
+// when the end of the file cuts the read short; FALSE on an error, a
+// negative offset or an invalid handle.
+BOOL ReadFileAt(HANDLE file, int64_t offset, void* buffer, DWORD toRead, DWORD* read);
+
 // Writes `toWrite` bytes at the handle's position and advances it.  FALSE on
 // an error or a handle opened without GENERIC_WRITE.
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,

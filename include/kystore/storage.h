@@ -185,6 +185,9 @@ class kyStorage {
   int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
   BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
   bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+  // Reads exactly `count` bytes at `offset` without moving the shared file
+  // position or the image's; false when they are not all there.
+  bool ReadAt(int64_t offset, void* buf, int64_t count);
 
   // Whether there is anything to read from: an open handle or an image.
   bool CanRead() const;

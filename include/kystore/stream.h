@@ -252,9 +252,12 @@ class kyStream {
   // *pCursor past each, and opens the first used one.  Null at a short
   // read, a slot without the header magic, or when none is used.
   kyStream* OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots);
-  // Reads the W header bytes at a slot's file offset, leaving the shared
-  // file position under this folder's cursor again.
+  // Reads the W header bytes at a slot's file offset; no position moves.
   bool ReadSlotAt(int64_t offset, t_kyStreamU& header);
+  // Reads the child count (0 when this is no folder or it cannot be read)
+  // for a caller that did not ask to move anything: the shared file
+  // position stays where it was.
+  bool PeekChildCount(DWORD& count);
   // Whether a child whose slot lies at `headerOffset` may be opened below
   // this folder: not one of its own ancestors' slots, not too deep.
   bool ChildOpenAllowed(int64_t headerOffset);
