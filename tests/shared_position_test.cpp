@@ -87,6 +87,25 @@ TEST_P(SharedPositionTest, OwnReadsDoNotMoveAReadingStream) {
   }
 }
 
+TEST_P(SharedPositionTest, SubfolderCountMovesThePositionOnlyByItsOpen) {
+  {
+    auto f = Hold(Root("F"));
+    Child(f, "a");
+    Child(f, "b");
+  }
+  ASSERT_NE(nullptr, Reopen(kModeReadShared));
+  // Whatever opening the root stream does to the position, the count read
+  // adds nothing to it.
+  auto positionAfter = [this](const std::function<void()>& call) {
+    kyTestAccess::SetFilePointer(storage, 7, FILE_BEGIN);
+    call();
+    return kyTestAccess::SetFilePointer(storage, 0, FILE_CURRENT);
+  };
+  const int64_t opened = positionAfter([this] { Open("F"); });
+  EXPECT_EQ(opened, positionAfter([this] { EXPECT_EQ(2u, storage->GetSubfolderCount("F")); }));
+  EXPECT_EQ(0u, storage->GetSubfolderCount("missing"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Widths, SharedPositionTest, ::testing::Bool());
 
 }  // namespace
