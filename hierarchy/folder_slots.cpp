@@ -96,14 +96,14 @@ bool kyStream::ChildOpenAllowed(int64_t headerOffset) {
   return depth < kMaxFolderDepth;
 }
 
-// Two storage objects over one path share the file, so their streams are
-// compared by path as well.
+// Two storage objects over one file (under the same name or another: a
+// link, a relative path) share its slots, so the files are compared by
+// identity.
 bool kyStream::IsSameStream(const kyStream* other) const {
   if (other == this) return true;
   if (other == nullptr || m_pStorage == nullptr || other->m_pStorage == nullptr) return false;
   if (other->m_offset.headerOffset != m_offset.headerOffset) return false;
-  return other->m_pStorage == m_pStorage ||
-         strcmp(other->m_pStorage->GetPath(), m_pStorage->GetPath()) == 0;
+  return m_pStorage->SameFileAs(*other->m_pStorage);
 }
 
 bool kyStream::HoldsInItsTree(const kyStream* dst) const {

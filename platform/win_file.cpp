@@ -156,6 +156,15 @@ BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
   return TRUE;
 }
 
+BOOL GetFileIdentity(HANDLE file, FileIdentity* id) {
+  FileHandle* h = AsFile(file);
+  struct stat st;
+  if (h == nullptr || id == nullptr || fstat(h->fd, &st) != 0) return FALSE;
+  id->device = static_cast<uint64_t>(st.st_dev);
+  id->inode = static_cast<uint64_t>(st.st_ino);
+  return TRUE;
+}
+
 BOOL CloseHandle(HANDLE file) {
   FileHandle* h = AsFile(file);
   if (h == nullptr) return FALSE;

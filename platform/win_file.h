@@ -60,6 +60,16 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
                       DWORD moveMethod);
 
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
+
+// Not a Win32 call: what makes a file the same file under any of its names
+// (symbolic links, hard links, relative paths).
+struct FileIdentity {
+  uint64_t device;
+  uint64_t inode;
+};
+// Fills `id` for the file the handle is open on.  FALSE for an invalid
+// handle or when the system cannot tell.
+BOOL GetFileIdentity(HANDLE file, FileIdentity* id);
 BOOL CloseHandle(HANDLE file);
 
 // Copies a regular file; with failIfExists the target must not exist.

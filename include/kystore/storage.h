@@ -189,6 +189,8 @@ class kyStorage {
   // position or the image's; false when they are not all there.
   bool ReadAt(int64_t offset, void* buf, int64_t count);
 
+  // Whether both storages are open on the same file, under whatever names.
+  bool SameFileAs(const kyStorage& other) const;
   // Whether there is anything to read from: an open handle or an image.
   bool CanRead() const;
   // Current size of the file (or the image); -1 when it cannot be found.
@@ -235,6 +237,11 @@ class kyStorage {
   BYTE* m_pImage;
   int64_t m_imageSize;
   int m_iFormat;
+  // The file's identity, taken when it is opened (before an in-memory load
+  // closes the handle); m_bKnownFile 0 when the system could not tell.
+  ULONGLONG m_fileDevice;
+  ULONGLONG m_fileInode;
+  BOOL m_bKnownFile;
 };
 
 #endif  // KYSTORE_STORAGE_H_
