@@ -88,5 +88,8 @@ bool kyStream::CopyFolder(kyStream* dst) {
     if (!CopyChildInto(child, dst)) ok = false;
     child->Release();
   }
-  return ok;
+  // A walk that stops short of the end of the data met a slot it could not
+  // take (damaged, or a child held against the walk's open): the children
+  // after it are missing from the copy.
+  return ok && cursor >= GetLength();
 }

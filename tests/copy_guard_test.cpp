@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "support/folder_fixture.h"
 
@@ -40,6 +41,34 @@ TEST_P(CopyGuardTest, TheSameFileUnderAnotherNameIsTheSameFolder) {
   ASSERT_NE(nullptr, loaded);
   EXPECT_FALSE(Hold(loaded->OpenStream("S", kModeReadShared))->CopyFolder(s.get()));
   EXPECT_EQ(image, kytest::ReadAll(path));
+}
+
+TEST_P(CopyGuardTest, AWalkStoppedByADamagedSlotFailsTheCopy) {
+  int64_t damaged = 0;
+  {
+    auto s = Hold(Root("S"));
+    for (const char* n : {"a", "b", "c"}) Child(s, n, 0, n);
+    damaged = HeaderOffset(OpenIn(s, "b"));
+    Hold(Root("T"));
+  }
+  Bytes image = kytest::ReadAll(path);
+  kytest::Put32(image, static_cast<size_t>(damaged), 0);  // no header magic
+  kytest::WriteAll(path, image);
+  ASSERT_NE(nullptr, Reopen());
+  auto s = Open("S");
+  int64_t cursor = 0;
+  Hold(s->OpenStreamFirst(&cursor, kModeReadShared));
+  EXPECT_EQ(nullptr, s->OpenStreamNext(&cursor, kModeReadShared));
+  EXPECT_LT(cursor, s->GetLength());  // ended early: damage, not the end
+  auto t = Open("T", kModeReadWriteShared);
+  EXPECT_FALSE(s->CopyFolder(t.get()));
+  EXPECT_EQ("a", Text(OpenIn(t, "a")));  // what came before the damage is copied
+  EXPECT_EQ(std::vector<std::string>{"a"}, ChildNames(t));
+  // A walk to the end leaves the cursor at the end of the data.
+  for (kyStream* c = t->OpenStreamFirst(&cursor, kModeReadShared); c != nullptr;
+       c = t->OpenStreamNext(&cursor, kModeReadShared))
+    c->Release();
+  EXPECT_EQ(t->GetLength(), cursor);
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, CopyGuardTest, ::testing::Bool());

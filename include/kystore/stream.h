@@ -127,7 +127,10 @@ class kyStream {
   kyStream* OpenStream(const char* name, DWORD dwMode);
   // Walks the used child slots in slot order; *pCursor holds the data
   // position past the last slot examined.  Null at the end, on damage, or
-  // when this stream is not a folder.
+  // when this stream is not a folder.  A walk that reached the end leaves
+  // *pCursor at the end of the data (>= GetLength()); a null with *pCursor
+  // short of GetLength() means the walk stopped early: at a damaged slot or
+  // a child whose registry refused `dwMode`.
   kyStream* OpenStreamFirst(int64_t* pCursor, DWORD dwMode);
   kyStream* OpenStreamNext(int64_t* pCursor, DWORD dwMode);
   // Appends the names of the children to `names`, in slot order.
@@ -177,7 +180,9 @@ class kyStream {
   // Copies this folder's children into `dst` (of any storage), merging:
   // children of the same kind are overwritten, of the other kind replaced.
   // A data stream copies itself with CopyStream.  Refused, with nothing
-  // written, when `dst` is this folder or lies below it.
+  // written, when `dst` is this folder or lies below it.  False when a child
+  // could not be copied, or when the walk over this folder's slots stopped
+  // early (the children before that point are copied).
   bool CopyFolder(kyStream* dst);
 
  protected:
