@@ -14,7 +14,9 @@
 // bits, as in the recording format, whatever the width of the host's long.
 
 // Kinds of recorded operations; the values are the bytes in the buffer.
-enum RecOpEnum {
+// The underlying type is int, so that PopOp can hand out an unknown kind
+// byte as read.
+enum RecOpEnum : int {
   RecOpEnter = 1,      // open or create a stream inside the current one
   RecOpEnterFast = 2,  // open or create a root stream in the fast slots
   RecOpLeave = 3,      // release the current stream
@@ -76,7 +78,8 @@ class CCompRecorder {
 
   // Reads one record at the position.  1 on success, 0 at the end or on a
   // malformed record.  `name` needs room for 61 characters.  For write and
-  // append records *data points into this recorder's buffer.
+  // append records *data points into this recorder's buffer.  *op receives
+  // every kind byte read, also an unknown one (then the result is 0).
   int PopOp(RecOpEnum* op, char* name, unsigned char** data, DWORD* n);
 
   // Hooks called by the stream operations while their storage records.
