@@ -38,9 +38,12 @@ class CCompRecorder {
   explicit CCompRecorder(unsigned int nGrowBy = 4096);
   ~CCompRecorder();
 
-  // Copies every field, the buffer pointer included.  Only one recorder may
-  // own a buffer: the copy takes over ownership, and the source keeps
-  // pointing at the buffer without owning it.
+  // Makes this recorder a copy of `other`: the stack, the flags, the
+  // position, the length and the data length, and a buffer of its own
+  // holding a copy of the data, so that either recorder may be destroyed,
+  // emptied or grown first.  `other` is not changed.  When the copy cannot
+  // be allocated this recorder ends without a buffer and stopped
+  // (HasBeenStopped gives 1).
   CCompRecorder& operator=(const CCompRecorder& other);
   CCompRecorder(const CCompRecorder&) = delete;
 
