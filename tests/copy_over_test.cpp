@@ -13,7 +13,7 @@ namespace {
 using kytest::FolderTest;
 using kytest::Hold;
 
-typedef std::map<std::string, std::string> Tree;  // path below the root -> data
+typedef std::map<std::string, std::string> Tree;  // path of a data stream -> its data
 
 class CopyOverTest : public FolderTest {
  protected:
@@ -21,67 +21,61 @@ class CopyOverTest : public FolderTest {
     if (other != nullptr) other->Release();
     FolderTest::TearDown();
   }
-  kyStorage* Side(bool inOther) { return inOther ? other : storage; }
-  // A new storage `s` holding every root data stream of `roots`; each gets
-  // its own block, so the chains of neighbours follow each other in the
-  // file.  An empty text makes a stream without a block.
-  static void Fill(kyStorage* s, const Tree& roots) {
-    for (const auto& r : roots) {
-      auto stm = Hold(s->CreateStream(r.first.c_str(), 0, kModeReadWriteShared));
-      ASSERT_NE(nullptr, stm) << r.first;
-      if (r.second.empty()) continue;
-      ASSERT_EQ(static_cast<int64_t>(r.second.size()),
-                stm->Write(r.second.data(), r.second.size(), true));
+  // Both storages new, with block size 4096: each stream written gets a
+  // block of its own, so the chains of neighbours follow each other.
+  void CreateBoth() {
+    ASSERT_NE(nullptr, Create(4096));
+    if (other != nullptr) other->Release();
+    other = kyStorage::Create(otherPath.c_str(), kModeReadWriteShared, 4096);
+    ASSERT_NE(nullptr, other);
+  }
+  // Writes every path of `tree` below the root streams, making folders on
+  // the way; an empty text makes a stream without a block.
+  static void Build(kyStorage* s, const Tree& tree) {
+    for (const auto& t : tree) {
+      const size_t slash = t.first.find('/');
+      const std::string top = t.first.substr(0, slash);
+      kyStream* at = s->OpenStream(top.c_str(), kModeReadWriteShared);
+      if (at == nullptr)
+        at = s->CreateStream(top.c_str(), slash != std::string::npos, kModeReadWriteShared);
+      ASSERT_NE(nullptr, at) << top;
+      std::vector<kytest::Held<kyStream>> held;
+      held.emplace_back(at);
+      std::string rest = slash == std::string::npos ? "" : t.first.substr(slash + 1);
+      for (size_t next; (next = rest.find('/')) != std::string::npos; rest.erase(0, next + 1)) {
+        const std::string name = rest.substr(0, next);
+        at = at->OpenStream(name.c_str(), kModeReadWriteShared);
+        if (at == nullptr) at = held.back()->CreateStream(name.c_str(), 1, kModeReadWriteShared, 1);
+        ASSERT_NE(nullptr, at) << name;
+        held.emplace_back(at);
+      }
+      if (!rest.empty()) {
+        Child(at, rest.c_str(), 0, t.second);
+      } else if (!t.second.empty()) {
+        ASSERT_EQ(static_cast<int64_t>(t.second.size()),
+                  at->Write(t.second.data(), t.second.size()));
+      }
+      while (!held.empty()) held.pop_back();  // children before their parents
     }
   }
-  // Every data stream below `folder` (a root stream when null), by path.
-  template <class P>
-  static void Collect(kyStorage* s, const P& folder, const std::string& prefix, Tree& out) {
-    if (folder == nullptr) {
-      void* cursor = nullptr;
-      for (kyStream* r = s->OpenStreamFirst(cursor, kModeReadShared); r != nullptr;
-           r = s->OpenStreamNext(cursor, kModeReadShared)) {
-        auto held = Hold(r);
-        if (held->IsFolder())
-          Collect(s, held, std::string(held->GetName()) + "/", out);
-        else
-          out[held->GetName()] = Text(held);
-      }
+  // Every data stream of the storage, by path.
+  static void Collect(kyStream* s, const std::string& at, Tree& out) {
+    if (!s->IsFolder()) {
+      out[at] = Text(s);
       return;
     }
     int64_t cursor = 0;
-    for (kyStream* c = folder->OpenStreamFirst(&cursor, kModeReadShared); c != nullptr;
-         c = folder->OpenStreamNext(&cursor, kModeReadShared)) {
-      auto held = Hold(c);
-      const std::string at = prefix + held->GetName();
-      if (held->IsFolder())
-        Collect(s, held, at + "/", out);
-      else
-        out[at] = Text(held);
-    }
+    for (kyStream* c = s->OpenStreamFirst(&cursor, kModeReadShared); c != nullptr;
+         c = s->OpenStreamNext(&cursor, kModeReadShared))
+      Collect(Hold(c).get(), at + "/" + c->GetName(), out);
   }
-  Tree Everything(kyStorage* s) {
+  static Tree Everything(kyStorage* s) {
     Tree out;
-    Collect(s, static_cast<kyStream*>(nullptr), "", out);
+    void* cursor = nullptr;
+    for (kyStream* r = s->OpenStreamFirst(cursor, kModeReadShared); r != nullptr;
+         r = s->OpenStreamNext(cursor, kModeReadShared))
+      Collect(Hold(r).get(), r->GetName(), out);
     return out;
-  }
-  // Builds a folder tree from paths ("f/x" makes folder f, then x in it).
-  static void Build(kyStream* root, const Tree& tree) {
-    for (const auto& t : tree) {
-      kyStream* at = root;
-      std::string rest = t.first;
-      std::vector<kytest::Held<kyStream>> held;
-      for (size_t slash; (slash = rest.find('/')) != std::string::npos;) {
-        const std::string name = rest.substr(0, slash);
-        kyStream* next = at->OpenStream(name.c_str(), kModeReadWriteShared);
-        if (next == nullptr) next = at->CreateStream(name.c_str(), 1, kModeReadWriteShared, 1);
-        ASSERT_NE(nullptr, next) << name;
-        held.emplace_back(next);
-        at = next;
-        rest = rest.substr(slash + 1);
-      }
-      Child(at, rest.c_str(), 0, t.second);
-    }
   }
 
   std::string otherPath = dir.File("other.kys");
@@ -99,63 +93,45 @@ TEST_P(CopyOverTest, StreamOverStream) {
     const char* dst;
     bool dstInOther;
   };
-  const Case cases[] = {{"A", "B", false}, {"B", "C", false}, {"B", "E", false},
-                        {"C", "A", false}, {"A", "B", true},  {"B", "C", true}};
-  for (const Case& c : cases) {
+  for (const Case& c : {Case{"A", "B", false}, Case{"B", "C", false}, Case{"B", "E", false},
+                        Case{"C", "A", false}, Case{"A", "B", true}, Case{"B", "C", true}}) {
     SCOPED_TRACE(std::string(c.src) + " over " + c.dst + (c.dstInOther ? " in another" : ""));
-    ASSERT_NE(nullptr, Create(4096));
-    Fill(storage, roots);
-    if (other != nullptr) other->Release();
-    other = kyStorage::Create(otherPath.c_str(), kModeReadWriteShared, 4096);
-    ASSERT_NE(nullptr, other);
-    Fill(other, roots);
-    {
-      auto src = Open(c.src);
-      auto dst = Hold(Side(c.dstInOther)->OpenStream(c.dst, kModeReadWriteShared));
-      ASSERT_TRUE(src->CopyStream(dst.get()));
-    }
-    Tree mine = roots, theirs = roots;
-    (c.dstInOther ? theirs : mine)[c.dst] = roots.at(c.src);
-    EXPECT_EQ(mine, Everything(storage));
-    EXPECT_EQ(theirs, Everything(other));
+    CreateBoth();
+    Build(storage, roots);
+    Build(other, roots);
+    kyStorage* side = c.dstInOther ? other : storage;
+    ASSERT_TRUE(Open(c.src)->CopyStream(Hold(side->OpenStream(c.dst, kModeReadWriteShared)).get()));
+    Tree expected = roots;
+    expected[c.dst] = roots.at(c.src);
+    EXPECT_EQ(expected, Everything(side));
+    EXPECT_EQ(c.dstInOther ? roots : expected, Everything(storage));
     ASSERT_NE(nullptr, Reopen(kModeReadShared, 1));
-    EXPECT_EQ(mine, Everything(storage));
+    EXPECT_EQ(c.dstInOther ? roots : expected, Everything(storage));
   }
 }
 
 TEST_P(CopyOverTest, FolderOverFolderWithTheSameChildren) {
-  const Tree source = {{"a", "short"},
-                       {"f/x", std::string(300, 'x')},
-                       {"f/g/y", "deep source"},
-                       {"n", std::string(50, 'n')}};
-  const Tree dest = {{"a", std::string(40, 'a')},
-                     {"f/x", "x"},
-                     {"f/g/y", std::string(70, 'y')},
-                     {"f/g/only", "stays"},
-                     {"keep", "K"}};
+  const Tree source = {{"S/a", "short"},
+                       {"S/f/x", std::string(300, 'x')},
+                       {"S/f/g/y", "deep source"},
+                       {"S/n", std::string(50, 'n')}};
+  const Tree dest = {
+      {"D/a", std::string(40, 'a')}, {"D/f/x", "x"},  {"D/f/g/y", std::string(70, 'y')},
+      {"D/f/g/only", "stays"},       {"D/keep", "K"}, {"Z", "last"}};
   for (bool inOther : {false, true}) {
     SCOPED_TRACE(inOther ? "into another storage" : "within one storage");
-    ASSERT_NE(nullptr, Create(4096));
-    if (other != nullptr) other->Release();
-    other = kyStorage::Create(otherPath.c_str(), kModeReadWriteShared, 4096);
-    ASSERT_NE(nullptr, other);
+    CreateBoth();
     for (kyStorage* s : {storage, other}) {
-      auto src = Hold(s->CreateStream("S", 1, kModeReadWriteShared));
-      auto dst = Hold(s->CreateStream("D", 1, kModeReadWriteShared));
-      Build(src.get(), source);
-      Build(dst.get(), dest);
-      Fill(s, {{"Z", "last"}});
+      Build(s, source);
+      Build(s, dest);
     }
-    const Tree before = Everything(Side(inOther));
-    {
-      auto dst = Hold(Side(inOther)->OpenStream("D", kModeReadWriteShared));
-      ASSERT_TRUE(Open("S")->CopyFolder(dst.get()));
-    }
+    kyStorage* side = inOther ? other : storage;
+    const Tree before = Everything(side);
+    ASSERT_TRUE(Open("S")->CopyFolder(Hold(side->OpenStream("D", kModeReadWriteShared)).get()));
     Tree expected = before;
-    for (const auto& s : source) expected["D/" + s.first] = s.second;
-    EXPECT_EQ(expected, Everything(Side(inOther)));
-    // Both storages were built alike; the source's is untouched.
-    EXPECT_EQ(inOther ? before : expected, Everything(storage));
+    for (const auto& s : source) expected["D" + s.first.substr(1)] = s.second;
+    EXPECT_EQ(expected, Everything(side));
+    EXPECT_EQ(inOther ? before : expected, Everything(storage));  // built alike
   }
 }
 
