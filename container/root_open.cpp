@@ -93,7 +93,7 @@ DWORD kyStorage::GetSubfolderCount(const char* name) {
   kyStream* stm = OpenStream(name, kModeReadShared);
   if (stm == nullptr) return 0;
   DWORD count = 0;
-  if (!stm->IsFolder() || stm->Read(&count, sizeof(count)) != sizeof(count)) count = 0;
+  stm->PeekChildCount(count);
   stm->Release();
   return count;
 }

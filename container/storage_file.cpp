@@ -62,8 +62,17 @@ kyStorage::kyStorage(const char* path, HANDLE hFile, DWORD mode, int bLoadIntoMe
       m_bInMemory(FALSE),
       m_pImage(nullptr),
       m_imageSize(0),
-      m_iFormat(0) {
+      m_iFormat(0),
+      m_fileDevice(0),
+      m_fileInode(0),
+      m_bKnownFile(FALSE) {
   strncpy(m_szPath, path, MAX_PATH - 1);
+  FileIdentity id;
+  if (GetFileIdentity(hFile, &id)) {
+    m_fileDevice = id.device;
+    m_fileInode = id.inode;
+    m_bKnownFile = TRUE;
+  }
   if (bLoadIntoMemory && !(mode & kModeWrite)) LoadIntoMemory();
   int64_t end = SetFilePointer(m_hFile, 0, FILE_END);
   m_lastAppended = end < 0 ? 0 : end;
@@ -109,6 +118,16 @@ void kyStorage::Release() {
   if (m_hFile != INVALID_HANDLE_VALUE) CloseHandle(m_hFile);
   m_hFile = INVALID_HANDLE_VALUE;
   delete this;
+}
+
+// Without an identity for either file (the system could not tell) the
+// paths are compared: a copy then refuses what its text shows to be the
+// same file, rather than trusting nothing.
+bool kyStorage::SameFileAs(const kyStorage& other) const {
+  if (this == &other) return true;
+  if (m_bKnownFile && other.m_bKnownFile)
+    return m_fileDevice == other.m_fileDevice && m_fileInode == other.m_fileInode;
+  return strcmp(m_szPath, other.m_szPath) == 0;
 }
 
 void kyStorage::FlagsToAttributes(DWORD mode, DWORD& access, DWORD& share) {

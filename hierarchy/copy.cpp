@@ -6,6 +6,7 @@
 #include "kystore/storage.h"
 #include "kystore/stream.h"
 #include "platform/global_mem.h"
+#include "platform/win_file.h"
 
 namespace {
 
@@ -37,6 +38,11 @@ bool CopyChildInto(kyStream* child, kyStream* dst) {
 
 }  // namespace
 
+// Both objects may share the storage's one file position, and each of them
+// relies on it standing under its own cursor while a block is loaded: the
+// source's reads move it away from the destination's cursor and the
+// destination's writes away from the source's.  So each is put back under
+// its own cursor before each of its transfers.
 bool kyStream::CopyStream(kyStream* dst) {
   // Copying a stream onto itself would erase it first.
   if (dst == nullptr || IsSameStream(dst)) return false;
@@ -51,19 +57,22 @@ bool kyStream::CopyStream(kyStream* dst) {
   BYTE* buffer = static_cast<BYTE*>(GlobalAlloc(GPTR, static_cast<SIZE_T>(bufferSize)));
   if (buffer == nullptr) return false;
   dst->Seek(0, 0, true);
-  const int64_t start = m_iDataPos;
   int64_t copied = 0;
   while (copied < length) {
     const int64_t chunk = Smaller(length - copied, kMostPerPass);
-    // The destination's writes move the shared file position: the source
-    // goes back under its cursor before every read.
-    if (SeekRight(start + copied, true) != 0) break;
-    if (Read(buffer, chunk) != chunk) break;
-    if (dst->Write(buffer, chunk, true, nullptr) != chunk) break;
+    if (!ResumeAtCursor() || Read(buffer, chunk) != chunk) break;
+    if (!dst->ResumeAtCursor() || dst->Write(buffer, chunk, true, nullptr) != chunk) break;
     copied += chunk;
   }
   GlobalFree(buffer);
   return copied == length;
+}
+
+// With no block loaded the next transfer finds its block by itself; on an
+// in-memory image every object keeps a position of its own.
+bool kyStream::ResumeAtCursor() {
+  if (m_iBlockPos == 0 || StorageInMemory()) return true;
+  return SetFilePointer(m_hFile, m_iCurBlock + m_iBlockPos, FILE_BEGIN) != -1;
 }
 
 bool kyStream::CopyFolder(kyStream* dst) {
@@ -79,5 +88,8 @@ bool kyStream::CopyFolder(kyStream* dst) {
     if (!CopyChildInto(child, dst)) ok = false;
     child->Release();
   }
-  return ok;
+  // A walk that stops short of the end of the data met a slot it could not
+  // take (damaged, or a child held against the walk's open): the children
+  // after it are missing from the copy.
+  return ok && cursor >= GetLength();
 }

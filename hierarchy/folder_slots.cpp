@@ -61,16 +61,26 @@ int64_t kyStream::MaxSlotReads() {
   return bytes / HeaderWidth() + 1;
 }
 
+// A positioned read: neither this folder's cursor nor the position any
+// other stream relies on moves.
 bool kyStream::ReadSlotAt(int64_t offset, t_kyStreamU& header) {
   memset(&header, 0, sizeof(header));
-  const int64_t w = HeaderWidth();
-  int64_t got = 0;
-  const bool ok = offset > 0 && SetFilePointer(m_hFile, offset, FILE_BEGIN) != -1 &&
-                  ReadFile(m_hFile, header.raw, w, &got, nullptr) && got == w;
-  // The cursor invariant: while a block is loaded, the shared position
-  // stands under the cursor.
-  if (m_iBlockPos != 0) SetFilePointer(m_hFile, m_iCurBlock + m_iBlockPos, FILE_BEGIN);
-  return ok;
+  return offset > 0 && m_pStorage != nullptr &&
+         m_pStorage->ReadAt(offset, header.raw, HeaderWidth());
+}
+
+// The shared position is put back where it was, and this object's cursor
+// goes back to the start of the data with no block loaded, from where its
+// next transfer finds its block by itself.
+bool kyStream::PeekChildCount(DWORD& count) {
+  const int64_t resume = StorageInMemory() ? -1 : SetFilePointer(m_hFile, 0, FILE_CURRENT);
+  const bool read = m_hdr.Flags() == kFolderFlag && ReadChildCount();
+  if (resume >= 0) SetFilePointer(m_hFile, resume, FILE_BEGIN);
+  m_iCurBlock = m_hdr.FirstBlock(W64());
+  m_iBlockPos = 0;
+  m_iDataPos = 0;
+  count = read ? m_nChildren : 0;
+  return read;
 }
 
 // A damaged folder can hold a slot whose chain leads back into an
@@ -86,14 +96,14 @@ bool kyStream::ChildOpenAllowed(int64_t headerOffset) {
   return depth < kMaxFolderDepth;
 }
 
-// Two storage objects over one path share the file, so their streams are
-// compared by path as well.
+// Two storage objects over one file (under the same name or another: a
+// link, a relative path) share its slots, so the files are compared by
+// identity.
 bool kyStream::IsSameStream(const kyStream* other) const {
   if (other == this) return true;
   if (other == nullptr || m_pStorage == nullptr || other->m_pStorage == nullptr) return false;
   if (other->m_offset.headerOffset != m_offset.headerOffset) return false;
-  return other->m_pStorage == m_pStorage ||
-         strcmp(other->m_pStorage->GetPath(), m_pStorage->GetPath()) == 0;
+  return m_pStorage->SameFileAs(*other->m_pStorage);
 }
 
 bool kyStream::HoldsInItsTree(const kyStream* dst) const {

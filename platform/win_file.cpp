@@ -82,6 +82,26 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* 
   return TRUE;
 }
 
+BOOL ReadFileAt(HANDLE file, int64_t offset, void* buffer, DWORD toRead, DWORD* read) {
+  FileHandle* h = AsFile(file);
+  if (read) *read = 0;
+  if (h == nullptr || offset < 0 || (buffer == nullptr && toRead != 0)) return FALSE;
+  DWORD done = 0;
+  while (done < toRead) {
+    int64_t at;
+    if (__builtin_add_overflow(offset, static_cast<int64_t>(done), &at)) break;
+    ssize_t n = pread(h->fd, static_cast<char*>(buffer) + done, toRead - done, at);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return FALSE;
+    }
+    if (n == 0) break;  // end of file
+    done += static_cast<DWORD>(n);
+  }
+  if (read) *read = done;
+  return TRUE;
+}
+
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
                OVERLAPPED* /*overlapped*/) {
   FileHandle* h = AsFile(file);
@@ -138,6 +158,15 @@ BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
   struct stat st;
   if (h == nullptr || size == nullptr || fstat(h->fd, &st) != 0) return FALSE;
   size->QuadPart = st.st_size;
+  return TRUE;
+}
+
+BOOL GetFileIdentity(HANDLE file, FileIdentity* id) {
+  FileHandle* h = AsFile(file);
+  struct stat st;
+  if (h == nullptr || id == nullptr || fstat(h->fd, &st) != 0) return FALSE;
+  id->device = static_cast<uint64_t>(st.st_dev);
+  id->inode = static_cast<uint64_t>(st.st_ino);
   return TRUE;
 }
 

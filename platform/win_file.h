@@ -42,6 +42,13 @@ HANDLE CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, void* securit
 // (then *read < toRead), FALSE on an error or a handle without read access.
 BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* overlapped);
 
+// Not a Win32 call: reads up to `toRead` bytes at file offset `offset`
+// without using or moving the handle's position, for reads the library
+// makes on its own behalf while streams rely on that position.  TRUE also
+// when the end of the file cuts the read short; FALSE on an error, a
+// negative offset or an invalid handle.
+BOOL ReadFileAt(HANDLE file, int64_t offset, void* buffer, DWORD toRead, DWORD* read);
+
 // Writes `toWrite` bytes at the handle's position and advances it.  FALSE on
 // an error or a handle opened without GENERIC_WRITE.
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
@@ -53,6 +60,16 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
                       DWORD moveMethod);
 
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
+
+// Not a Win32 call: what makes a file the same file under any of its names
+// (symbolic links, hard links, relative paths).
+struct FileIdentity {
+  uint64_t device;
+  uint64_t inode;
+};
+// Fills `id` for the file the handle is open on.  FALSE for an invalid
+// handle or when the system cannot tell.
+BOOL GetFileIdentity(HANDLE file, FileIdentity* id);
 BOOL CloseHandle(HANDLE file);
 
 // Copies a regular file; with failIfExists the target must not exist.

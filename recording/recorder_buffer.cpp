@@ -21,6 +21,10 @@ unsigned int Readable(const unsigned char* buf, unsigned int pos, unsigned int d
   return dataLength - pos;
 }
 
+unsigned int Smaller(unsigned int a, unsigned int b) {
+  return a < b ? a : b;
+}
+
 }  // namespace
 
 CCompRecorder::CCompRecorder(unsigned int nGrowBy)
@@ -195,25 +199,37 @@ CCompRecorder* CCompRecorder::Clone() {
   return copy;
 }
 
-// Copies every field, the buffer pointer included.  Two recorders then see
-// one buffer, and only one of them may free it: the assigned-to recorder
-// takes over the ownership, and the source keeps the pointer as a borrowed
-// one.  The source must therefore not be a const object.
+// The assigned-to recorder takes a copy of its own of the buffer, so that
+// each recorder frees only what it holds, whichever of them is destroyed,
+// emptied or grown first; the source is left exactly as it was.  Only a
+// recorder that already owns the very buffer the source borrows from it
+// keeps that buffer: its bytes are the source's.  When the copy cannot be
+// allocated the recorder ends without a buffer and stopped, so that it
+// never claims data it does not hold.
 CCompRecorder& CCompRecorder::operator=(const CCompRecorder& other) {
   if (this == &other) return *this;
-  bool sameBuffer = m_pBuffer != nullptr && m_pBuffer == other.m_pBuffer;
-  int owns = other.m_bOwnBuffer || (sameBuffer && m_bOwnBuffer);
-  if (m_bOwnBuffer && !sameBuffer) free(m_pBuffer);
+  const bool keepsOwn = m_bOwnBuffer && m_pBuffer != nullptr && m_pBuffer == other.m_pBuffer;
+  unsigned char* buffer = keepsOwn ? m_pBuffer : nullptr;
+  unsigned int length = keepsOwn ? m_nLength : 0;
+  bool lost = false;
+  if (!keepsOwn && other.m_pBuffer != nullptr && other.m_nLength != 0) {
+    buffer = static_cast<unsigned char*>(malloc(other.m_nLength));
+    lost = buffer == nullptr;
+    length = lost ? 0 : other.m_nLength;
+    if (!lost) memcpy(buffer, other.m_pBuffer, Smaller(other.m_nDataLength, length));
+  } else if (!keepsOwn) {
+    length = other.m_nLength;  // no bytes, only the counters (as after Detach)
+  }
+  if (m_bOwnBuffer && m_pBuffer != buffer) free(m_pBuffer);
   memcpy(m_aStmStack, other.m_aStmStack, sizeof(m_aStmStack));
   m_iStmDepth = other.m_iStmDepth;
-  m_bStopped = other.m_bStopped;
-  m_pBuffer = other.m_pBuffer;
-  m_nPos = other.m_nPos;
-  m_nLength = other.m_nLength;
-  m_nDataLength = other.m_nDataLength;
-  m_bOwnBuffer = owns;
+  m_bStopped = lost ? 1 : other.m_bStopped;
+  m_pBuffer = buffer;
+  m_nLength = length;
+  m_nDataLength = lost ? 0 : Smaller(other.m_nDataLength, length);
+  m_nPos = lost ? 0 : Smaller(other.m_nPos, m_nDataLength);
+  m_bOwnBuffer = 1;
   m_bThrowExceptions = other.m_bThrowExceptions;
   m_nGrowBy = other.m_nGrowBy;
-  if (other.m_pBuffer != nullptr) const_cast<CCompRecorder&>(other).m_bOwnBuffer = 0;
   return *this;
 }

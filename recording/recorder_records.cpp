@@ -137,8 +137,8 @@ void CCompRecorder::PushOp(RecOpEnum op, const char* name, unsigned char* data, 
 }
 
 // Every read asks Read to throw; the exception ends the record here and is
-// never passed on.  A kind byte outside 1 to 6 leaves *op unchanged, so that
-// no value outside the enumeration is ever stored in it.
+// never passed on.  The kind output takes every kind byte read, also one
+// outside 1 to 6 (the enumeration's int type holds any byte).
 int CCompRecorder::PopOp(RecOpEnum* op, char* name, unsigned char** data, DWORD* n) {
   RecOpEnum opLocal;
   char nameLocal[kMaxRecordedName + 1];
@@ -152,8 +152,8 @@ int CCompRecorder::PopOp(RecOpEnum* op, char* name, unsigned char** data, DWORD*
   try {
     unsigned char kind;
     if (!Read(&kind, 1, 1)) return 0;
-    if (kind < RecOpEnter || kind > RecOpAppend) return 0;
     *op = static_cast<RecOpEnum>(kind);
+    if (kind < RecOpEnter || kind > RecOpAppend) return 0;
     unsigned char b[4];
     switch (*op) {
       case RecOpEnter:

@@ -199,35 +199,71 @@ TEST(RecorderBuffer, CloneOwnsACopyOfExactlyTheDataAndStartsAfresh) {
   EXPECT_EQ(kyTestAccess::Buffer(&r), mine);
 }
 
-TEST(RecorderBuffer, CopyAssignmentLeavesExactlyOneOwner) {
-  CCompRecorder* a = new CCompRecorder;
-  AddText(*a, "shared");
-  int stream = 0;
-  a->OpEnterFast("Root", 1, &stream);
-  a->ThrowExceptions(1);
-  CCompRecorder b;
-  AddText(b, "replaced");  // b's own buffer is freed by the assignment
-  b = *a;
-  b = *a;  // the same buffer again: b keeps ownership
-  EXPECT_EQ(kyTestAccess::Buffer(&b), kyTestAccess::Buffer(a));
-  EXPECT_EQ(b.GetBufferPos(), a->GetBufferPos());
-  EXPECT_EQ(kyTestAccess::OwnsBuffer(&b), 1);
-  EXPECT_EQ(kyTestAccess::OwnsBuffer(a), 0);
-  EXPECT_EQ(b.GetStmDepth(), 1);  // the stack and the flags come along
-  EXPECT_EQ(kyTestAccess::Stack(&b)[0].pStm, &stream);
-  EXPECT_STREQ(kyTestAccess::Stack(&b)[0].szName, "Root");
-  *a = b;  // back again: a owns
-  EXPECT_EQ(kyTestAccess::OwnsBuffer(a), 1);
-  EXPECT_EQ(kyTestAccess::OwnsBuffer(&b), 0);
-  b = *a;
-  CCompRecorder& self = b;
-  b = self;
-  EXPECT_EQ(kyTestAccess::OwnsBuffer(&b), 1);
-  delete a;  // must not free the buffer b now owns
-  EXPECT_EQ(Text(b).substr(0, 6), "shared");
-  b.SeekToBegin();
-  unsigned char out[100];
-  EXPECT_THROW(b.Read(out, 100, 1), CString);
+// Each recorder owns what it holds after an assignment, so any of them may
+// be destroyed, emptied or grown first; the source is never changed.
+TEST(RecorderBuffer, CopyAssignmentGivesTheTargetItsOwnCopy) {
+  for (int first = 0; first < 3; ++first) {
+    SCOPED_TRACE(first);
+    CCompRecorder* a = new CCompRecorder;
+    AddText(*a, "shared");
+    int stream = 0;
+    a->OpEnterFast("Root", 1, &stream);
+    a->ThrowExceptions(1);
+    const std::string before = Text(*a);
+    const unsigned int pos = a->GetBufferPos(), length = a->GetLength();
+    CCompRecorder* b = new CCompRecorder(9000);
+    AddText(*b, "replaced");  // b's own buffer is freed by the assignment
+    *b = *a;
+    EXPECT_NE(kyTestAccess::Buffer(b), kyTestAccess::Buffer(a));
+    EXPECT_EQ(kyTestAccess::OwnsBuffer(b), 1);
+    EXPECT_EQ(kyTestAccess::OwnsBuffer(a), 1);
+    EXPECT_EQ(Text(*b), before);
+    EXPECT_EQ(b->GetLength(), length);
+    EXPECT_EQ(b->GetBufferPos(), pos);
+    EXPECT_EQ(kyTestAccess::GrowBy(b), 4096u);
+    EXPECT_EQ(b->GetStmDepth(), 1);  // the stack and the flags come along
+    EXPECT_EQ(kyTestAccess::Stack(b)[0].pStm, &stream);
+    EXPECT_STREQ(kyTestAccess::Stack(b)[0].szName, "Root");
+    CCompRecorder*& gone = first == 1 ? b : a;
+    CCompRecorder* kept = first == 1 ? a : b;
+    if (first == 2) {
+      std::vector<unsigned char> big(20000, 1);
+      a->Add(big.data(), 20000, 4096);  // a moves to a larger buffer
+      a->Empty();
+    }
+    delete gone;
+    gone = nullptr;
+    EXPECT_EQ(Text(*kept), before);
+    kept->SeekToBegin();
+    unsigned char out[100];
+    EXPECT_THROW(kept->Read(out, 100, 1), CString);
+    delete kept;
+  }
+  // Onto itself, or from a recorder without a buffer: nothing to copy.
+  CCompRecorder a, empty;
+  AddText(a, "same");
+  unsigned char* held = kyTestAccess::Buffer(&a);
+  CCompRecorder& self = a;
+  a = self;
+  EXPECT_EQ(kyTestAccess::Buffer(&a), held);
+  a = empty;
+  EXPECT_EQ(kyTestAccess::Buffer(&a), nullptr);
+  EXPECT_EQ(a.GetDataLength(), 0u);
+}
+
+// A recorder that lends its buffer to another keeps it when assigned from
+// the borrower: the bytes are already its own.
+TEST(RecorderBuffer, CopyAssignmentFromTheBorrowerOfOurBuffer) {
+  CCompRecorder owner, borrower;
+  AddText(owner, "lent out");
+  borrower.Attach(kyTestAccess::Buffer(&owner), owner.GetDataLength(), 0);
+  unsigned char c;
+  borrower.Read(&c, 1, 0);
+  owner = borrower;
+  EXPECT_EQ(kyTestAccess::Buffer(&owner), kyTestAccess::Buffer(&borrower));
+  EXPECT_EQ(kyTestAccess::OwnsBuffer(&owner), 1);
+  EXPECT_EQ(owner.GetBufferPos(), 1u);
+  EXPECT_EQ(Text(owner), "lent out");
 }
 
 }  // namespace

@@ -78,13 +78,19 @@ TEST_P(SortedTest, ChangesDuringAWalk) {
 }
 
 TEST_P(SortedTest, DurationsFromTimeStamps) {
-  // Names of eight hex digits are times in seconds; the gap to the next one
-  // is the duration, the last repeats the one before, a lone stamp or a gap
-  // of over a day gives the last duration (3600 unless set).  "0000001g"
-  // is no number; other names keep zero.
-  for (const char* n : {"0000ffff", "00000020", "00000010", "00000015x", "0000001g", "x"}) Add(n);
-  const Durations expected = {{"00000010", 16},    {"00000015x", 0},    {"0000001g", 0},
-                              {"00000020", 65503}, {"0000ffff", 65503}, {"x", 0}};
+  // Names of eight characters are times in seconds, read as hexadecimal
+  // numbers as far as they go ("0000001g" is 1, "0x000040" is 0x40); the
+  // gap to the next such name is the duration, the last repeats the one
+  // before, and a gap of over a day (also one that wraps around) gives the
+  // last duration (3600 unless set).  A name that reads as no number at all
+  // gets 0 itself and, as the next name, gives the previous duration.
+  // Other lengths keep 0 and are skipped.
+  for (const char* n :
+       {"0000ffff", "00000020", "00000010", "00000015x", "0000001g", "x", "0x000040", "zzzzzzzz"})
+    Add(n);
+  const Durations expected = {
+      {"00000010", 3600},  {"00000015x", 0},    {"0000001g", 31}, {"00000020", 65503},
+      {"0000ffff", 65503}, {"0x000040", 65503}, {"x", 0},         {"zzzzzzzz", 0}};
   EXPECT_EQ(expected, Iterate());
   for (int load = 0; load < 2; ++load) {
     Reopen(kRO, load);

@@ -14,7 +14,9 @@
 // bits, as in the recording format, whatever the width of the host's long.
 
 // Kinds of recorded operations; the values are the bytes in the buffer.
-enum RecOpEnum {
+// The underlying type is int, so that PopOp can hand out an unknown kind
+// byte as read.
+enum RecOpEnum : int {
   RecOpEnter = 1,      // open or create a stream inside the current one
   RecOpEnterFast = 2,  // open or create a root stream in the fast slots
   RecOpLeave = 3,      // release the current stream
@@ -36,9 +38,12 @@ class CCompRecorder {
   explicit CCompRecorder(unsigned int nGrowBy = 4096);
   ~CCompRecorder();
 
-  // Copies every field, the buffer pointer included.  Only one recorder may
-  // own a buffer: the copy takes over ownership, and the source keeps
-  // pointing at the buffer without owning it.
+  // Makes this recorder a copy of `other`: the stack, the flags, the
+  // position, the length and the data length, and a buffer of its own
+  // holding a copy of the data, so that either recorder may be destroyed,
+  // emptied or grown first.  `other` is not changed.  When the copy cannot
+  // be allocated this recorder ends without a buffer and stopped
+  // (HasBeenStopped gives 1).
   CCompRecorder& operator=(const CCompRecorder& other);
   CCompRecorder(const CCompRecorder&) = delete;
 
@@ -76,7 +81,8 @@ class CCompRecorder {
 
   // Reads one record at the position.  1 on success, 0 at the end or on a
   // malformed record.  `name` needs room for 61 characters.  For write and
-  // append records *data points into this recorder's buffer.
+  // append records *data points into this recorder's buffer.  *op receives
+  // every kind byte read, also an unknown one (then the result is 0).
   int PopOp(RecOpEnum* op, char* name, unsigned char** data, DWORD* n);
 
   // Hooks called by the stream operations while their storage records.

@@ -185,7 +185,12 @@ class kyStorage {
   int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
   BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
   bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+  // Reads exactly `count` bytes at `offset` without moving the shared file
+  // position or the image's; false when they are not all there.
+  bool ReadAt(int64_t offset, void* buf, int64_t count);
 
+  // Whether both storages are open on the same file, under whatever names.
+  bool SameFileAs(const kyStorage& other) const;
   // Whether there is anything to read from: an open handle or an image.
   bool CanRead() const;
   // Current size of the file (or the image); -1 when it cannot be found.
@@ -252,6 +257,11 @@ class kyStorage {
   // The file's size as far as this object knows it, never more than the
   // real size: 0 until first asked, raised by our own appends and growth.
   int64_t m_knownFileSize = 0;
+  // The file's identity, taken when it is opened (before an in-memory load
+  // closes the handle); m_bKnownFile 0 when the system could not tell.
+  ULONGLONG m_fileDevice;
+  ULONGLONG m_fileInode;
+  BOOL m_bKnownFile;
 };
 
 #endif  // KYSTORE_STORAGE_H_

@@ -127,7 +127,10 @@ class kyStream {
   kyStream* OpenStream(const char* name, DWORD dwMode);
   // Walks the used child slots in slot order; *pCursor holds the data
   // position past the last slot examined.  Null at the end, on damage, or
-  // when this stream is not a folder.
+  // when this stream is not a folder.  A walk that reached the end leaves
+  // *pCursor at the end of the data (>= GetLength()); a null with *pCursor
+  // short of GetLength() means the walk stopped early: at a damaged slot or
+  // a child whose registry refused `dwMode`.
   kyStream* OpenStreamFirst(int64_t* pCursor, DWORD dwMode);
   kyStream* OpenStreamNext(int64_t* pCursor, DWORD dwMode);
   // Appends the names of the children to `names`, in slot order.
@@ -177,7 +180,9 @@ class kyStream {
   // Copies this folder's children into `dst` (of any storage), merging:
   // children of the same kind are overwritten, of the other kind replaced.
   // A data stream copies itself with CopyStream.  Refused, with nothing
-  // written, when `dst` is this folder or lies below it.
+  // written, when `dst` is this folder or lies below it.  False when a child
+  // could not be copied, or when the walk over this folder's slots stopped
+  // early (the children before that point are copied).
   bool CopyFolder(kyStream* dst);
 
  protected:
@@ -261,12 +266,18 @@ class kyStream {
   // *pCursor past each, and opens the first used one.  Null at a short
   // read, a slot without the header magic, or when none is used.
   kyStream* OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots);
-  // Reads the W header bytes at a slot's file offset, leaving the shared
-  // file position under this folder's cursor again.
+  // Reads the W header bytes at a slot's file offset; no position moves.
   bool ReadSlotAt(int64_t offset, t_kyStreamU& header);
+  // Reads the child count (0 when this is no folder or it cannot be read)
+  // for a caller that did not ask to move anything: the shared file
+  // position stays where it was.
+  bool PeekChildCount(DWORD& count);
   // Whether a child whose slot lies at `headerOffset` may be opened below
   // this folder: not one of its own ancestors' slots, not too deep.
   bool ChildOpenAllowed(int64_t headerOffset);
+  // Puts the shared file position back under this object's cursor, which
+  // another object's transfer may have moved.  False when it cannot be.
+  bool ResumeAtCursor();
   // Whether `other` stands for the same slot of the same file.
   bool IsSameStream(const kyStream* other) const;
   // Whether `dst` is this folder or lies below it.
