@@ -17,8 +17,8 @@
 
 namespace {
 
-const int64_t kTotal = 64ll << 20;  // 64 MiB per transfer benchmark
-const int64_t kChunk = 64 << 10;    // written and read 64 KiB at a time
+const __int64 kTotal = 64ll << 20;  // 64 MiB per transfer benchmark
+const __int64 kChunk = 64 << 10;    // written and read 64 KiB at a time
 const int kManyStreams = 10000;
 
 std::string BenchDir() {
@@ -52,7 +52,7 @@ void WriteStorage(const std::string& path) {
   if (s == nullptr) abort();
   kyStream* stm = s->CreateStream("data", 0x16);
   if (stm == nullptr) abort();
-  for (int64_t done = 0; done < kTotal; done += kChunk)
+  for (__int64 done = 0; done < kTotal; done += kChunk)
     if (stm->Write(Chunk().data(), kChunk) != kChunk) abort();
   stm->Release();
   s->Release();
@@ -61,7 +61,7 @@ void WriteStorage(const std::string& path) {
 void WritePlain(const std::string& path) {
   int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
   if (fd < 0) abort();
-  for (int64_t done = 0; done < kTotal; done += kChunk)
+  for (__int64 done = 0; done < kTotal; done += kChunk)
     if (write(fd, Chunk().data(), kChunk) != kChunk) abort();
   close(fd);
 }
@@ -84,7 +84,7 @@ void BM_ReadPlainFile(benchmark::State& state) {
   std::vector<char> buf(kChunk);
   for (auto _ : state) {
     int fd = open(path.c_str(), O_RDONLY);
-    int64_t total = 0;
+    __int64 total = 0;
     for (ssize_t n; (n = read(fd, buf.data(), buf.size())) > 0;) total += n;
     close(fd);
     if (total != kTotal) abort();
@@ -103,8 +103,8 @@ void ReadStorage(benchmark::State& state, int bLoadIntoMemory) {
   if (stm == nullptr) abort();
   for (auto _ : state) {
     if (stm->Seek(0, 0, true) != 0) abort();
-    int64_t total = 0;
-    for (int64_t n; (n = stm->Read(buf.data(), kChunk)) > 0;) total += n;
+    __int64 total = 0;
+    for (__int64 n; (n = stm->Read(buf.data(), kChunk)) > 0;) total += n;
     if (total != kTotal) abort();
   }
   stm->Release();

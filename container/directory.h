@@ -10,7 +10,7 @@
 
 // Copies slot `index` of a directory block read whole into `out` (the bytes
 // of the other layout's tail are zero).
-inline void CopyDirectorySlot(const DirectoryBlock& block, int64_t index, bool b64,
+inline void CopyDirectorySlot(const DirectoryBlock& block, __int64 index, bool b64,
                               t_kyStreamU& out) {
   memset(&out, 0, sizeof(out));
   memcpy(&out, block.raw + DirectoryHeadSize(b64) + StreamHeaderSize(b64) * index,
@@ -20,7 +20,7 @@ inline void CopyDirectorySlot(const DirectoryBlock& block, int64_t index, bool b
 // Slots of a block that can be visited: its slot count, but never more than
 // a block of our size holds, so that a damaged count cannot lead a reader
 // past the bytes it read.
-inline int64_t UsableSlots(const DirectoryBlock& block) {
+inline __int64 UsableSlots(const DirectoryBlock& block) {
   return block.SlotCount() < kSlotsPerBlock ? block.SlotCount() : kSlotsPerBlock;
 }
 

@@ -12,8 +12,8 @@
 // move a file position.  From the start or the cursor the target must lie
 // inside the image (its end is reachable only from the end); a refused
 // target gives -1 and leaves `pos` alone.  An unknown method reports `pos`.
-inline int64_t SeekInImage(int64_t& pos, int64_t size, int64_t distance, DWORD method) {
-  int64_t target;
+inline __int64 SeekInImage(__int64& pos, __int64 size, __int64 distance, DWORD method) {
+  __int64 target;
   switch (method) {
     case FILE_BEGIN:
       target = distance;
@@ -33,7 +33,7 @@ inline int64_t SeekInImage(int64_t& pos, int64_t size, int64_t distance, DWORD m
 }
 
 // The new position of the handle, or -1.
-inline int64_t SeekHandle(HANDLE hFile, int64_t distance, DWORD method) {
+inline __int64 SeekHandle(HANDLE hFile, __int64 distance, DWORD method) {
   LARGE_INTEGER d, pos;
   d.QuadPart = distance;
   return SetFilePointerEx(hFile, d, &pos, method) ? pos.QuadPart : -1;
@@ -41,11 +41,11 @@ inline int64_t SeekHandle(HANDLE hFile, int64_t distance, DWORD method) {
 
 // Reads exactly `count` bytes in platform calls of at most 2 GiB each.
 // False when a call fails or the file ends first.
-inline bool ReadHandleExactly(HANDLE hFile, void* buf, int64_t count, OVERLAPPED* overlapped) {
-  const int64_t kMaxTransfer = 0x80000000LL;
+inline bool ReadHandleExactly(HANDLE hFile, void* buf, __int64 count, OVERLAPPED* overlapped) {
+  const __int64 kMaxTransfer = 0x80000000LL;
   BYTE* out = static_cast<BYTE*>(buf);
-  for (int64_t done = 0; done < count;) {
-    const int64_t rest = count - done;
+  for (__int64 done = 0; done < count;) {
+    const __int64 rest = count - done;
     DWORD chunk = static_cast<DWORD>(rest < kMaxTransfer ? rest : kMaxTransfer);
     DWORD got = 0;
     if (!ReadFile(hFile, out + done, chunk, &got, overlapped) || got != chunk) return false;

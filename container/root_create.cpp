@@ -33,7 +33,7 @@ t_kyStreamU NewHeader(const char* name, DWORD dwType, const t_kyStreamU& freeSlo
   return header;
 }
 
-bool WriteAll(HANDLE h, const void* data, int64_t size) {
+bool WriteAll(HANDLE h, const void* data, __int64 size) {
   DWORD written = 0;
   return WriteFile(h, data, static_cast<DWORD>(size), &written, nullptr) &&
          written == static_cast<DWORD>(size);
@@ -43,10 +43,10 @@ bool WriteAll(HANDLE h, const void* data, int64_t size) {
 
 // Appends an empty directory block at the end of the file and links it from
 // the block at `lastBlock`.  Returns the new block's offset, or -1.
-int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
+__int64 kyStorage::AppendDirectoryBlock(__int64 lastBlock) {
   const bool b64 = m_bUse64BitOffsets != 0;
-  const int64_t size = DirectoryBlockSize(b64);
-  const int64_t at = SetFilePointer(m_hFile, 0, FILE_END);
+  const __int64 size = DirectoryBlockSize(b64);
+  const __int64 at = SetFilePointer(m_hFile, 0, FILE_END);
   if (at < 0 || at + size > FileSizeLimit()) return -1;
 
   DirectoryBlock block;
@@ -60,7 +60,7 @@ int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
   m_lastAppended = at + size;
 
   if (SetFilePointer(m_hFile, lastBlock + 8, FILE_BEGIN) == -1) return -1;
-  const int64_t link64 = at;
+  const __int64 link64 = at;
   const DWORD link32 = static_cast<DWORD>(at);
   if (!(b64 ? WriteAll(m_hFile, &link64, 8) : WriteAll(m_hFile, &link32, 4))) return -1;
   return at;
@@ -72,10 +72,10 @@ int64_t kyStorage::AppendDirectoryBlock(int64_t lastBlock) {
 bool kyStorage::NameOnDisk(const char* name) {
   const bool b64 = m_bUse64BitOffsets != 0;
   DirectoryBlock block;
-  int64_t blockOffset = 0;
+  __int64 blockOffset = 0;
   int step;
   while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
-    for (int64_t i = 0; i < UsableSlots(block); ++i) {
+    for (__int64 i = 0; i < UsableSlots(block); ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree() && SlotName(slot) == name) return true;
@@ -109,8 +109,8 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
 
   const bool b64 = m_bUse64BitOffsets != 0;
   DirectoryBlock block;
-  int64_t blockOffset = 0;
-  int64_t first = bFast ? 0 : m_wFastSlots;
+  __int64 blockOffset = 0;
+  __int64 first = bFast ? 0 : m_wFastSlots;
   for (bool appended = false;; first = 0) {
     const int step = NextDirectoryBlock(blockOffset, block);
     if (step < 0) return nullptr;
@@ -118,14 +118,14 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
       // Every slot of the chain is taken: a new block joins it.  Should the
       // new block offer no free slot after all, the search ends there.
       if (appended) return nullptr;
-      const int64_t added = AppendDirectoryBlock(blockOffset);
+      const __int64 added = AppendDirectoryBlock(blockOffset);
       if (added < 0 || !ReadDirectoryBlock(added, block)) return nullptr;
       blockOffset = added;
       appended = true;
     }
-    int64_t end = UsableSlots(block);
+    __int64 end = UsableSlots(block);
     if (bFast && end > m_wFastSlots) end = m_wFastSlots;
-    for (int64_t i = first; i < end; ++i) {
+    for (__int64 i = first; i < end; ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (bOpenFirst) {
@@ -144,13 +144,13 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
 // Writes the header of new stream `name` into free slot `index` of the
 // directory block at `blockOffset` (read whole into `block`), maps the name
 // and hands out the stream.
-kyStream* kyStorage::CreateInSlot(const char* name, DWORD dwType, DWORD mode, int64_t blockOffset,
-                                  const DirectoryBlock& block, int64_t index) {
+kyStream* kyStorage::CreateInSlot(const char* name, DWORD dwType, DWORD mode, __int64 blockOffset,
+                                  const DirectoryBlock& block, __int64 index) {
   const bool b64 = m_bUse64BitOffsets != 0;
   t_kyStreamU slot;
   CopyDirectorySlot(block, index, b64, slot);
   t_kyStreamU header = NewHeader(name, dwType, slot, b64);
-  const int64_t slotOffset = SlotOffset(blockOffset, index, b64);
+  const __int64 slotOffset = SlotOffset(blockOffset, index, b64);
   if (!WriteStreamHeader(slotOffset, header)) return nullptr;
   tag_kyStreamOffset where = {slotOffset, blockOffset, block.SlotCount(),
                               static_cast<DWORD>(header.Duration()) * 60u};

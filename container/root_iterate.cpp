@@ -66,10 +66,10 @@ kyStream* kyStorage::OpenStreamFirst2(int& cursor, DWORD mode) {
   if (!CanRead()) return nullptr;
   const bool b64 = m_bUse64BitOffsets != 0;
   DirectoryBlock block;
-  int64_t blockOffset = 0;
+  __int64 blockOffset = 0;
   int step;
   while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
-    for (int64_t i = 0; i < UsableSlots(block); ++i) {
+    for (__int64 i = 0; i < UsableSlots(block); ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (!slot.IsFree()) m_streamNames.Add(SlotName(slot));

@@ -14,7 +14,7 @@ namespace {
 
 // Bytes of the first directory block that the fast lookup reads: the head
 // and the six fast slots.
-int64_t FastAreaSize(bool b64) {
+__int64 FastAreaSize(bool b64) {
   return DirectoryHeadSize(b64) + StreamHeaderSize(b64) * kFastSlots;
 }
 
@@ -29,10 +29,10 @@ kyStream* kyStorage::OpenStreamByOffset(tag_kyStreamOffset& offset, const char* 
   if (!CanRead()) return nullptr;
 
   const bool b64 = m_bUse64BitOffsets != 0;
-  const int64_t width = StreamHeaderSize(b64);
+  const __int64 width = StreamHeaderSize(b64);
   t_kyStreamU header;
   memset(&header, 0, sizeof(header));
-  int64_t got = 0;
+  __int64 got = 0;
   if (offset.headerOffset <= 0 || SetFilePointer(m_hFile, offset.headerOffset, FILE_BEGIN) == -1)
     return nullptr;
   if (!ReadFile(m_hFile, header.raw, width, &got, nullptr) || got != width) return nullptr;
@@ -63,16 +63,16 @@ kyStream* kyStorage::OpenStreamFast(const char* name, DWORD mode) {
   const bool b64 = m_bUse64BitOffsets != 0;
   DirectoryBlock block;
   memset(&block, 0, sizeof(block));
-  const int64_t want = FastAreaSize(b64);
-  int64_t got = 0;
+  const __int64 want = FastAreaSize(b64);
+  __int64 got = 0;
   if (SetFilePointer(m_hFile, m_rootOffset, FILE_BEGIN) == -1) return nullptr;
   if (!ReadFile(m_hFile, block.raw, want, &got, nullptr) || got != want) return nullptr;
   if (block.Magic() != kDirectoryBlockMagic) return nullptr;
 
-  int64_t n = UsableSlots(block);
+  __int64 n = UsableSlots(block);
   if (n > m_wFastSlots) n = m_wFastSlots;
   if (n > kFastSlots) n = kFastSlots;  // never past the bytes read
-  for (int64_t i = 0; i < n; ++i) {
+  for (__int64 i = 0; i < n; ++i) {
     t_kyStreamU slot;
     CopyDirectorySlot(block, i, b64, slot);
     if (SlotName(slot) != name) continue;

@@ -36,7 +36,7 @@ void BuildEmptyStorage(bool b64, StorageHeader& header, DirectoryBlock& block) {
   memset(&block, 0, sizeof(block));
   block.d32.head.dwMagic = kDirectoryBlockMagic;
   block.d32.head.dwSlotCount = kSlotsPerBlock;
-  for (int64_t i = 0; i < kSlotsPerBlock; ++i) {
+  for (__int64 i = 0; i < kSlotsPerBlock; ++i) {
     memcpy(block.raw + DirectoryHeadSize(b64) + StreamHeaderSize(b64) * i, &kStreamHeaderMagic,
            sizeof(DWORD));
   }
@@ -74,7 +74,7 @@ kyStorage::kyStorage(const char* path, HANDLE hFile, DWORD mode, int bLoadIntoMe
     m_bKnownFile = TRUE;
   }
   if (bLoadIntoMemory && !(mode & kModeWrite)) LoadIntoMemory();
-  int64_t end = SetFilePointer(m_hFile, 0, FILE_END);
+  __int64 end = SetFilePointer(m_hFile, 0, FILE_END);
   m_lastAppended = end < 0 ? 0 : end;
 }
 
@@ -86,7 +86,7 @@ void kyStorage::LoadIntoMemory() {
   if (!GetFileSizeEx(m_hFile, &size) || size.QuadPart >= 0xFFFFFFF0LL) return;
   BYTE* image = static_cast<BYTE*>(GlobalAlloc(GMEM_FIXED, static_cast<SIZE_T>(size.QuadPart)));
   if (image == nullptr) return;
-  const int64_t resume = SeekHandle(m_hFile, 0, FILE_CURRENT);
+  const __int64 resume = SeekHandle(m_hFile, 0, FILE_CURRENT);
   m_pImage = image;
   m_imageSize = size.QuadPart;
   m_bInMemory = TRUE;

@@ -13,16 +13,16 @@ bool kyStorage::CanRead() const {
   return m_hFile != INVALID_HANDLE_VALUE || m_bInMemory;
 }
 
-int64_t kyStorage::SetFilePointer(HANDLE hFile, int64_t distance, DWORD method) {
+__int64 kyStorage::SetFilePointer(HANDLE hFile, __int64 distance, DWORD method) {
   if (!m_bInMemory) return SeekHandle(hFile, distance, method);
   return SeekInImage(m_memPos, m_imageSize, distance, method);
 }
 
-BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
+BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead,
                          OVERLAPPED* overlapped) {
   if (m_bInMemory) {
     // The image serves what it has; callers compare the count read.
-    int64_t n = count < m_imageSize - m_memPos ? count : m_imageSize - m_memPos;
+    __int64 n = count < m_imageSize - m_memPos ? count : m_imageSize - m_memPos;
     if (n < 0) n = 0;
     if (n > 0) memcpy(buf, m_pImage + m_memPos, static_cast<size_t>(n));
     m_memPos += n;
@@ -38,14 +38,14 @@ BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
   return TRUE;
 }
 
-bool kyStorage::WriteStreamHeader(int64_t offset, t_kyStreamU& header) {
+bool kyStorage::WriteStreamHeader(__int64 offset, t_kyStreamU& header) {
   if (SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
   const DWORD width = static_cast<DWORD>(StreamHeaderSize(m_bUse64BitOffsets != 0));
   DWORD written = 0;
   return WriteFile(m_hFile, &header, width, &written, nullptr) && written == width;
 }
 
-int64_t kyStorage::CurrentFileSize() {
+__int64 kyStorage::CurrentFileSize() {
   if (m_bInMemory) {
     m_knownFileSize = m_imageSize;
     return m_imageSize;
@@ -60,25 +60,25 @@ int64_t kyStorage::CurrentFileSize() {
 // kept in memory: asking the file for every block would cost a system call
 // each.  Since the known size never exceeds the real one, a check that
 // passes against it is sound; one that fails may be stale and asks again.
-bool kyStorage::FileHolds(int64_t offset, int64_t count) {
+bool kyStorage::FileHolds(__int64 offset, __int64 count) {
   if (offset < 0 || count < 0 || offset > INT64_MAX - count) return false;
-  const int64_t end = offset + count;
+  const __int64 end = offset + count;
   if (end <= m_knownFileSize) return true;
   CurrentFileSize();
   return end <= m_knownFileSize;
 }
 
-void kyStorage::FileReached(int64_t end) {
+void kyStorage::FileReached(__int64 end) {
   if (end > m_knownFileSize) m_knownFileSize = end;
 }
 
-int64_t kyStorage::FileSizeLimit() const {
+__int64 kyStorage::FileSizeLimit() const {
   return m_bUse64BitOffsets ? g_iMaxTolvarSize : 4294967295LL;
 }
 
-bool kyStorage::ReadDirectoryBlock(int64_t offset, DirectoryBlock& block) {
-  const int64_t size = DirectoryBlockSize(m_bUse64BitOffsets != 0);
-  int64_t got = 0;
+bool kyStorage::ReadDirectoryBlock(__int64 offset, DirectoryBlock& block) {
+  const __int64 size = DirectoryBlockSize(m_bUse64BitOffsets != 0);
+  __int64 got = 0;
   if (offset <= 0 || SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
   if (!ReadFile(m_hFile, block.raw, size, &got, nullptr) || got != size) return false;
   return block.Magic() == kDirectoryBlockMagic;
@@ -87,8 +87,8 @@ bool kyStorage::ReadDirectoryBlock(int64_t offset, DirectoryBlock& block) {
 // Directory blocks are only ever appended at the end of the file, so a
 // link of a sound chain points forward, past the whole block that holds it.
 // Taking no other link makes every walk of the chain end.
-int kyStorage::NextDirectoryBlock(int64_t& offset, DirectoryBlock& block) {
-  int64_t next = m_rootOffset;
+int kyStorage::NextDirectoryBlock(__int64& offset, DirectoryBlock& block) {
+  __int64 next = m_rootOffset;
   if (offset != 0) {
     next = block.NextBlock(m_bUse64BitOffsets != 0);
     if (next == 0) return 0;
@@ -99,8 +99,8 @@ int kyStorage::NextDirectoryBlock(int64_t& offset, DirectoryBlock& block) {
   return 1;
 }
 
-bool kyStorage::DirectoryLinkUsable(int64_t block, int64_t link) {
-  const int64_t size = DirectoryBlockSize(m_bUse64BitOffsets != 0);
+bool kyStorage::DirectoryLinkUsable(__int64 block, __int64 link) {
+  const __int64 size = DirectoryBlockSize(m_bUse64BitOffsets != 0);
   if (block < 0 || link < 0 || link - block < size) return false;
   return FileHolds(link, size);
 }

@@ -8,17 +8,17 @@
 #include "kystore/storage.h"
 #include "platform/win_file.h"
 
-bool kyStorage::ReadAt(int64_t offset, void* buf, int64_t count) {
+bool kyStorage::ReadAt(__int64 offset, void* buf, __int64 count) {
   if (offset < 0 || count < 0 || (buf == nullptr && count != 0)) return false;
   if (m_bInMemory) {
     if (offset > m_imageSize || count > m_imageSize - offset) return false;
     if (count > 0) memcpy(buf, m_pImage + offset, static_cast<size_t>(count));
     return true;
   }
-  const int64_t kMaxTransfer = 0x80000000LL;
+  const __int64 kMaxTransfer = 0x80000000LL;
   BYTE* out = static_cast<BYTE*>(buf);
-  for (int64_t done = 0; done < count;) {
-    const int64_t rest = count - done;
+  for (__int64 done = 0; done < count;) {
+    const __int64 rest = count - done;
     const DWORD chunk = static_cast<DWORD>(rest < kMaxTransfer ? rest : kMaxTransfer);
     DWORD got = 0;
     if (offset > INT64_MAX - done) return false;

@@ -8,11 +8,11 @@
 bool kyStorage::InitStreamMap() {
   const bool b64 = m_bUse64BitOffsets != 0;
   DirectoryBlock block;
-  int64_t blockOffset = 0;
+  __int64 blockOffset = 0;
   int step;
   while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
     if (block.SlotCount() != kSlotsPerBlock) return false;
-    for (int64_t i = 0; i < kSlotsPerBlock; ++i) {
+    for (__int64 i = 0; i < kSlotsPerBlock; ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
       if (slot.Magic() != kStreamHeaderMagic || slot.IsFree()) continue;

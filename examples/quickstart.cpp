@@ -33,8 +33,8 @@ bool ReadSample(const char* path) {
   kyStream* settings = storage->OpenStream("Settings", 0x12);
   kyStream* greeting = settings ? settings->OpenStream("Greeting", 0x12) : nullptr;
   char buf[64];
-  int64_t n = -1;
-  if (greeting != nullptr && greeting->GetLength() <= static_cast<int64_t>(sizeof(buf)))
+  __int64 n = -1;
+  if (greeting != nullptr && greeting->GetLength() <= static_cast<__int64>(sizeof(buf)))
     n = greeting->Read(buf, greeting->GetLength());
   if (n >= 0)
     printf("%s/%s holds %lld bytes: %.*s\n", settings->GetName(), greeting->GetName(),

@@ -24,8 +24,8 @@ bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOff
   if (!ReadChildCount()) return false;
   offset.blockOffset = 0;
   offset.dwBlockSlots = 0;
-  const int64_t w = HeaderWidth();
-  const int64_t maxReads = MaxSlotReads();
+  const __int64 w = HeaderWidth();
+  const __int64 maxReads = MaxSlotReads();
   for (DWORD i = 0; i < m_nChildren && i < maxReads; ++i) {
     offset.headerOffset = SlotOffsetAtCursor();
     memset(&header, 0, sizeof(header));

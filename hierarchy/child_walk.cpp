@@ -6,7 +6,7 @@
 #include "container/directory.h"
 #include "kystore/stream.h"
 
-kyStream* kyStream::OpenStreamFirst(int64_t* pCursor, DWORD dwMode) {
+kyStream* kyStream::OpenStreamFirst(__int64* pCursor, DWORD dwMode) {
   // A data stream's bytes are no child table: reading them as one could
   // hand out objects over whatever happens to look like a slot.
   if (pCursor == nullptr || m_hdr.Flags() != kFolderFlag) return nullptr;
@@ -14,23 +14,23 @@ kyStream* kyStream::OpenStreamFirst(int64_t* pCursor, DWORD dwMode) {
   *pCursor = 4;
   if (static_cast<int>(m_nChildren) <= 0) return nullptr;
 
-  const int64_t maxReads = MaxSlotReads();
-  const int64_t counted = static_cast<int>(m_nChildren);
+  const __int64 maxReads = MaxSlotReads();
+  const __int64 counted = static_cast<int>(m_nChildren);
   return OpenFirstUsedSlot(pCursor, dwMode, counted < maxReads ? counted : maxReads);
 }
 
 // Not bounded by the child count: reads on until a used slot or the end of
 // the data, and never more slots than the data can hold.
-kyStream* kyStream::OpenStreamNext(int64_t* pCursor, DWORD dwMode) {
+kyStream* kyStream::OpenStreamNext(__int64* pCursor, DWORD dwMode) {
   if (pCursor == nullptr || m_hdr.Flags() != kFolderFlag || *pCursor < 0) return nullptr;
   if (SeekRight(*pCursor, true) != 0) return nullptr;
   return OpenFirstUsedSlot(pCursor, dwMode, MaxSlotReads() - *pCursor / HeaderWidth());
 }
 
-kyStream* kyStream::OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots) {
-  const int64_t w = HeaderWidth();
+kyStream* kyStream::OpenFirstUsedSlot(__int64* pCursor, DWORD dwMode, __int64 slots) {
+  const __int64 w = HeaderWidth();
   t_kyStreamU header;
-  for (int64_t i = 0; i < slots; ++i) {
+  for (__int64 i = 0; i < slots; ++i) {
     memset(&header, 0, sizeof(header));
     if (Read(header.raw, w) != w || header.Magic() != kStreamHeaderMagic) return nullptr;
     *pCursor += w;
@@ -43,7 +43,7 @@ kyStream* kyStream::OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t sl
 }
 
 void kyStream::EnumStreams(CStringArray& names) {
-  int64_t cursor = 0;
+  __int64 cursor = 0;
   for (kyStream* child = OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
        child = OpenStreamNext(&cursor, kModeReadShared)) {
     names.SetAtGrow(names.GetSize(), child->GetName());

@@ -10,9 +10,9 @@
 
 namespace {
 
-const int64_t kMostPerPass = 0x80000000LL;  // most bytes moved by one read or write
+const __int64 kMostPerPass = 0x80000000LL;  // most bytes moved by one read or write
 
-int64_t Smaller(int64_t a, int64_t b) {
+__int64 Smaller(__int64 a, __int64 b) {
   return a < b ? a : b;
 }
 
@@ -47,19 +47,19 @@ bool kyStream::CopyStream(kyStream* dst) {
   // Copying a stream onto itself would erase it first.
   if (dst == nullptr || IsSameStream(dst)) return false;
   dst->Erase();
-  const int64_t length = GetLength();
+  const __int64 length = GetLength();
   if (length <= 0) return false;
   // A length the file cannot hold is damage; the reads would come short.
-  const int64_t fileSize = m_pStorage != nullptr ? m_pStorage->CurrentFileSize() : -1;
+  const __int64 fileSize = m_pStorage != nullptr ? m_pStorage->CurrentFileSize() : -1;
   if (fileSize >= 0 && length > fileSize) return false;
 
-  const int64_t bufferSize = Smaller(length, kMostPerPass);
+  const __int64 bufferSize = Smaller(length, kMostPerPass);
   BYTE* buffer = static_cast<BYTE*>(GlobalAlloc(GPTR, static_cast<SIZE_T>(bufferSize)));
   if (buffer == nullptr) return false;
   dst->Seek(0, 0, true);
-  int64_t copied = 0;
+  __int64 copied = 0;
   while (copied < length) {
-    const int64_t chunk = Smaller(length - copied, kMostPerPass);
+    const __int64 chunk = Smaller(length - copied, kMostPerPass);
     if (!ResumeAtCursor() || Read(buffer, chunk) != chunk) break;
     if (!dst->ResumeAtCursor() || dst->Write(buffer, chunk, true, nullptr) != chunk) break;
     copied += chunk;
@@ -82,7 +82,7 @@ bool kyStream::CopyFolder(kyStream* dst) {
   // never end.
   if (HoldsInItsTree(dst)) return false;
   bool ok = true;
-  int64_t cursor = 0;
+  __int64 cursor = 0;
   for (kyStream* child = OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
        child = OpenStreamNext(&cursor, kModeReadShared)) {
     if (!CopyChildInto(child, dst)) ok = false;

@@ -34,22 +34,22 @@ bool kyStream::AddStreamHeader(const char* name, DWORD dwType, t_kyStreamU& head
   // creation, so neither a missing nor an empty name is written.
   if (!IsValidStreamName(name)) return false;
   if (!ReadChildCount()) return false;
-  const int64_t w = HeaderWidth();
+  const __int64 w = HeaderWidth();
 
   if (!bReuseFreeSlot) {
     // Straight to the end of the counted slots.  The count, not the
     // recorded length, says where the table ends: bytes a failed creation
     // left behind it are written over instead of being hidden behind it.
-    const int64_t end = 4 + static_cast<int64_t>(m_nChildren) * w;
+    const __int64 end = 4 + static_cast<__int64>(m_nChildren) * w;
     if (SeekRight(end, true) != 0) return false;
     return AppendSlot(name, dwType, header, offset, false);
   }
 
-  const int64_t maxReads = MaxSlotReads();
+  const __int64 maxReads = MaxSlotReads();
   for (DWORD i = 0; i < m_nChildren; ++i) {
     if (i >= maxReads) return false;  // more slots than the data can hold
     memset(&header, 0, sizeof(header));
-    const int64_t got = Read(header.raw, w);
+    const __int64 got = Read(header.raw, w);
     if (got == 0) {
       // The data end before the count says.  The new slot goes where they
       // end, and the count written afterwards is that of the slots present,
@@ -67,7 +67,7 @@ bool kyStream::AddStreamHeader(const char* name, DWORD dwType, t_kyStreamU& head
 bool kyStream::ReuseFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header,
                              tag_kyStreamOffset& offset) {
   const bool b64 = W64();
-  const int64_t w = HeaderWidth();
+  const __int64 w = HeaderWidth();
   if (SeekLeft(w, false) != 0) return false;
   StampChild(header, name, dwType, b64);
   if (TypeMakesFolder(dwType)) {
@@ -87,12 +87,12 @@ bool kyStream::ReuseFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header
 // Writes a new slot at the cursor; the folder's data end after it.
 bool kyStream::AppendSlot(const char* name, DWORD dwType, t_kyStreamU& header,
                           tag_kyStreamOffset& offset, bool bLocateByStepping) {
-  const int64_t w = HeaderWidth();
+  const __int64 w = HeaderWidth();
   memset(&header, 0, sizeof(header));
   header.Magic() = kStreamHeaderMagic;
   StampChild(header, name, dwType, W64());
   StampLocator(offset, dwType);
-  int64_t* where = bLocateByStepping ? nullptr : &offset.headerOffset;
+  __int64* where = bLocateByStepping ? nullptr : &offset.headerOffset;
   if (Write(header.raw, w, true, where) != w) return false;
   if (bLocateByStepping) offset.headerOffset = SlotOffsetJustRead();
   if (offset.headerOffset <= 0) return false;

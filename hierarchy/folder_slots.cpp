@@ -25,12 +25,12 @@ bool kyStream::ReadChildCount() {
 // The slot the cursor is about to read starts at the cursor, unless the
 // current block's data are used up: then it starts after the next block's
 // header.  0 when no block follows.
-int64_t kyStream::SlotOffsetAtCursor() {
+__int64 kyStream::SlotOffsetAtCursor() {
   const bool b64 = W64();
-  const int64_t h = BlockHeaderSize();
+  const __int64 h = BlockHeaderSize();
   if (m_iBlockPos == 0) return m_iCurBlock + h;
   if (m_iBlockPos >= m_blockHdr.UsedEnd(b64)) {
-    const int64_t next = m_blockHdr.NextBlock(b64);
+    const __int64 next = m_blockHdr.NextBlock(b64);
     return next != 0 ? next + h : 0;
   }
   return m_iCurBlock + m_iBlockPos;
@@ -39,10 +39,10 @@ int64_t kyStream::SlotOffsetAtCursor() {
 // Every slot lies whole inside one block, so stepping back over the slot
 // just read stays in its block and lands on its first byte.  -1 when the
 // cursor cannot be moved.
-int64_t kyStream::SlotOffsetJustRead() {
-  const int64_t w = HeaderWidth();
+__int64 kyStream::SlotOffsetJustRead() {
+  const __int64 w = HeaderWidth();
   if (SeekLeft(w, false) != 0) return -1;
-  const int64_t at = m_iCurBlock + m_iBlockPos;
+  const __int64 at = m_iCurBlock + m_iBlockPos;
   if (SeekRight(w, false) != 0) return -1;
   return at;
 }
@@ -50,11 +50,11 @@ int64_t kyStream::SlotOffsetJustRead() {
 // A damaged length can claim more than the file holds. The file's size is
 // asked only for lengths that ordinary folders do not reach, so that a lookup
 // in an ordinary folder costs no extra call.
-int64_t kyStream::MaxSlotReads() {
-  const int64_t kOrdinaryFolderBytes = 1 << 20;
-  int64_t bytes = GetLength();
+__int64 kyStream::MaxSlotReads() {
+  const __int64 kOrdinaryFolderBytes = 1 << 20;
+  __int64 bytes = GetLength();
   if (bytes > kOrdinaryFolderBytes && m_pStorage != nullptr) {
-    const int64_t fileSize = m_pStorage->CurrentFileSize();
+    const __int64 fileSize = m_pStorage->CurrentFileSize();
     if (fileSize >= 0 && fileSize < bytes) bytes = fileSize;
   }
   if (bytes < 0) bytes = 0;
@@ -63,7 +63,7 @@ int64_t kyStream::MaxSlotReads() {
 
 // A positioned read: neither this folder's cursor nor the position any
 // other stream relies on moves.
-bool kyStream::ReadSlotAt(int64_t offset, t_kyStreamU& header) {
+bool kyStream::ReadSlotAt(__int64 offset, t_kyStreamU& header) {
   memset(&header, 0, sizeof(header));
   return offset > 0 && m_pStorage != nullptr &&
          m_pStorage->ReadAt(offset, header.raw, HeaderWidth());
@@ -73,7 +73,7 @@ bool kyStream::ReadSlotAt(int64_t offset, t_kyStreamU& header) {
 // goes back to the start of the data with no block loaded, from where its
 // next transfer finds its block by itself.
 bool kyStream::PeekChildCount(DWORD& count) {
-  const int64_t resume = StorageInMemory() ? -1 : SetFilePointer(m_hFile, 0, FILE_CURRENT);
+  const __int64 resume = StorageInMemory() ? -1 : SetFilePointer(m_hFile, 0, FILE_CURRENT);
   const bool read = m_hdr.Flags() == kFolderFlag && ReadChildCount();
   if (resume >= 0) SetFilePointer(m_hFile, resume, FILE_BEGIN);
   m_iCurBlock = m_hdr.FirstBlock(W64());
@@ -86,7 +86,7 @@ bool kyStream::PeekChildCount(DWORD& count) {
 // A damaged folder can hold a slot whose chain leads back into an
 // ancestor's data; descending into it would never end.  Every stream has
 // its own slot, so a child whose slot is an ancestor's is refused.
-bool kyStream::ChildOpenAllowed(int64_t headerOffset) {
+bool kyStream::ChildOpenAllowed(__int64 headerOffset) {
   if (headerOffset <= 0) return false;
   int depth = 0;
   for (const kyStream* p = this; p != nullptr; p = p->m_pParent) {

@@ -11,16 +11,16 @@
 // locator.  False at the end of the chain or on any damage.
 bool kyStream::ReadNextRootSlot(t_kyStreamU& next, tag_kyStreamOffset& where) {
   const bool b64 = W64();
-  const int64_t w = HeaderWidth();
-  const int64_t d = DirectoryHeadSize(b64);
-  auto readAt = [this](int64_t at, void* buf, int64_t count) {
-    int64_t got = 0;
+  const __int64 w = HeaderWidth();
+  const __int64 d = DirectoryHeadSize(b64);
+  auto readAt = [this](__int64 at, void* buf, __int64 count) {
+    __int64 got = 0;
     return SetFilePointer(m_hFile, at, FILE_BEGIN) != -1 &&
            ReadFile(m_hFile, buf, count, &got, nullptr) && got == count;
   };
   memset(&next, 0, sizeof(next));
-  const int64_t index = (m_offset.headerOffset - m_offset.blockOffset - d) / w;
-  const int64_t slots =
+  const __int64 index = (m_offset.headerOffset - m_offset.blockOffset - d) / w;
+  const __int64 slots =
       m_offset.dwBlockSlots < kSlotsPerBlock ? m_offset.dwBlockSlots : kSlotsPerBlock;
   if (index + 1 < slots) {
     where = {m_offset.headerOffset + w, m_offset.blockOffset, m_offset.dwBlockSlots, 0};
@@ -29,7 +29,7 @@ bool kyStream::ReadNextRootSlot(t_kyStreamU& next, tag_kyStreamOffset& where) {
   // The next block comes from the step every walk of the directory takes,
   // so that this walk refuses exactly the links the others refuse.
   DirectoryBlock block;
-  int64_t at = m_offset.blockOffset;
+  __int64 at = m_offset.blockOffset;
   if (at <= 0 || !m_pStorage->ReadDirectoryBlock(at, block)) return false;
   if (m_pStorage->NextDirectoryBlock(at, block) <= 0) return false;
   memcpy(next.raw, block.raw + d, static_cast<size_t>(w));

@@ -23,10 +23,10 @@ void kyStream::PreloadChildren() {
   m_pPreloadMap = new (std::nothrow) t_kyChildMap;
   if (m_pPreloadMap == nullptr || count == 0) return;
 
-  const int64_t w = HeaderWidth();
-  const int64_t maxReads = MaxSlotReads();
+  const __int64 w = HeaderWidth();
+  const __int64 maxReads = MaxSlotReads();
   DWORD taken = 0;
-  for (int64_t i = 0; i < maxReads && taken < count; ++i) {
+  for (__int64 i = 0; i < maxReads && taken < count; ++i) {
     t_kyStreamWithOffset value;
     memset(&value, 0, sizeof(value));
     value.offset.headerOffset = SlotOffsetAtCursor();

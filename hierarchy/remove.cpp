@@ -11,7 +11,7 @@
 #include "kystore/stream.h"
 
 void kyStream::RemoveChildren() {
-  int64_t cursor = 0;
+  __int64 cursor = 0;
   for (kyStream* child = OpenStreamFirst(&cursor, kModeReadWriteShared); child != nullptr;
        child = OpenStreamNext(&cursor, kModeReadWriteShared)) {
     if (!child->Remove()) child->Release();

@@ -15,6 +15,15 @@
 #error "kystore reads and writes its records in host order and needs a little-endian host"
 #endif
 
+// The Windows compiler's 64-bit integer.  Code written for it mixes
+// __int64, LONGLONG and long long freely, also through pointers and
+// references, so all of them are one type here: long long.  (int64_t is
+// `long` on 64-bit Linux and would not bind to a long long&.)  Other
+// Windows-on-GCC layers define it the same way.
+#if !defined(_MSC_VER) && !defined(__int64)
+#define __int64 long long
+#endif
+
 typedef uint32_t DWORD;
 typedef uint16_t WORD;
 typedef uint8_t BYTE;
@@ -22,8 +31,8 @@ typedef int32_t BOOL;
 typedef uint32_t UINT;
 typedef int32_t LONG;
 typedef uint32_t ULONG;
-typedef int64_t LONGLONG;
-typedef uint64_t ULONGLONG;
+typedef long long LONGLONG;
+typedef unsigned long long ULONGLONG;
 typedef size_t SIZE_T;
 typedef const char* LPCSTR;
 typedef char* LPSTR;
@@ -37,6 +46,7 @@ static_assert(sizeof(BYTE) == 1, "BYTE must be 8 bits");
 static_assert(sizeof(BOOL) == 4, "BOOL must be 32 bits");
 static_assert(sizeof(UINT) == 4, "UINT must be 32 bits");
 static_assert(sizeof(LONG) == 4, "LONG must be 32 bits");
+static_assert(sizeof(__int64) == 8, "__int64 must be 64 bits");
 
 #ifndef TRUE
 #define TRUE 1

@@ -17,18 +17,18 @@
 // magic, and its ends are ordered (header <= used end <= allocated end) with
 // the whole room inside the file.  Anything else is damage: m_blockHdr keeps
 // what it held.
-bool kyStream::LoadBlock(int64_t block) {
-  const int64_t h = BlockHeaderSize();
+bool kyStream::LoadBlock(__int64 block) {
+  const __int64 h = BlockHeaderSize();
   if (block <= 0 || m_pStorage == nullptr || !m_pStorage->FileHolds(block, h)) return false;
   if (SetFilePointer(m_hFile, block, FILE_BEGIN) == -1) return false;
   DataBlock hdr;
   memset(&hdr, 0, sizeof(hdr));
-  int64_t got = 0;
+  __int64 got = 0;
   if (!ReadFile(m_hFile, hdr.raw, h, &got, nullptr) || got != h) return false;
   if (hdr.Magic() != kDataBlockMagic) return false;
   const bool b64 = W64();
-  const int64_t usedEnd = hdr.UsedEnd(b64);
-  const int64_t allocEnd = hdr.AllocEnd(b64);
+  const __int64 usedEnd = hdr.UsedEnd(b64);
+  const __int64 allocEnd = hdr.AllocEnd(b64);
   if (usedEnd < h || usedEnd > allocEnd || !m_pStorage->FileHolds(block, allocEnd)) return false;
   m_blockHdr = hdr;
   m_iBlockPos = h;
@@ -37,13 +37,13 @@ bool kyStream::LoadBlock(int64_t block) {
 
 // A link is taken only when it points at or behind the end of the loaded
 // block's room and a block header fits in the file there.
-int64_t kyStream::NextBlockLink() {
+__int64 kyStream::NextBlockLink() {
   const bool b64 = W64();
-  const int64_t next = m_blockHdr.NextBlock(b64);
+  const __int64 next = m_blockHdr.NextBlock(b64);
   if (next == 0) return 0;
   if (m_pStorage == nullptr) return -1;
   // The loaded block passed LoadBlock, so this sum lies inside the file.
-  const int64_t roomEnd = m_iCurBlock + m_blockHdr.AllocEnd(b64);
+  const __int64 roomEnd = m_iCurBlock + m_blockHdr.AllocEnd(b64);
   if (next < roomEnd || !m_pStorage->FileHolds(next, BlockHeaderSize())) return -1;
   return next;
 }

@@ -5,7 +5,7 @@
 
 namespace {
 // Most bytes one copy hands out.
-const int64_t kTransferCap = 0x3F000000LL;
+const __int64 kTransferCap = 0x3F000000LL;
 }  // namespace
 
 // A damaged length copies nothing: no buffer is sized by a length the file
@@ -13,16 +13,16 @@ const int64_t kTransferCap = 0x3F000000LL;
 DWORD kyStream::CopyStreamToBuffer(BYTE*& buf, BOOL bSkipPrefix) {
   buf = nullptr;
   if (!LengthUsable()) return 0;
-  int64_t len = GetLength();
+  __int64 len = GetLength();
   if (bSkipPrefix) {
     // The prefix skipped is an offset's width: 8 bytes with 64-bit offsets.
     BYTE prefix[8];
-    const int64_t width = W64() ? 8 : 4;
+    const __int64 width = W64() ? 8 : 4;
     len -= width;
     Read(prefix, width);
   }
   if (len <= 0) return 0;
-  const int64_t size = len < kTransferCap ? len : kTransferCap;
+  const __int64 size = len < kTransferCap ? len : kTransferCap;
   BYTE* copy = static_cast<BYTE*>(GlobalAlloc(GPTR, static_cast<SIZE_T>(size)));
   if (copy == nullptr) return 0;
   if (Read(copy, size) != size) {

@@ -8,13 +8,13 @@
 // The data of a stream lie in the file, so no sound length exceeds the
 // file's size.  Without a storage there is no length to trust.
 bool kyStream::LengthUsable() {
-  const int64_t length = GetLength();
+  const __int64 length = GetLength();
   return length >= 0 && m_pStorage != nullptr && m_pStorage->FileHolds(0, length);
 }
 
 // Only the header changes: the blocks keep their data and their links, and
 // the bytes past the new length stay readable.
-bool kyStream::SetLength(int64_t newLength) {
+bool kyStream::SetLength(__int64 newLength) {
   if (!(m_dwOpenMode & kModeWrite)) return false;
   // A negative length has no meaning on disk (with 32-bit offsets it would
   // become a huge one); it is refused like a longer one.  A damaged length
@@ -46,7 +46,7 @@ BOOL kyStream::PrependSize(DWORD size) {
   if (!(m_hdr.Flags() & kSizePrefixFlag)) {
     // Mark the header first, in memory and on disk; the file position is
     // put back for the write of the prefix at the cursor.
-    const int64_t resume = SetFilePointer(m_hFile, 0, FILE_CURRENT);
+    const __int64 resume = SetFilePointer(m_hFile, 0, FILE_CURRENT);
     if (SetFilePointer(m_hFile, m_offset.headerOffset + kHeaderFlagsOffset, FILE_BEGIN) == -1)
       return FALSE;
     m_hdr.Flags() |= kSizePrefixFlag;
@@ -64,7 +64,7 @@ BOOL kyStream::PrependSize(DWORD size) {
 }
 
 // A damaged length reports 0, so that no caller sizes anything by it.
-BOOL kyStream::GetVerifiedDataLength(int64_t& len) {
+BOOL kyStream::GetVerifiedDataLength(__int64& len) {
   len = 0;
   if (!LengthUsable()) return FALSE;
   len = GetLength();
@@ -72,5 +72,5 @@ BOOL kyStream::GetVerifiedDataLength(int64_t& len) {
   DWORD prefix = 0;
   if (Read(&prefix, sizeof(prefix)) != sizeof(prefix) || len <= 4) return FALSE;
   len -= 4;
-  return len == static_cast<int64_t>(prefix) ? TRUE : FALSE;
+  return len == static_cast<__int64>(prefix) ? TRUE : FALSE;
 }

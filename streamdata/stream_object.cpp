@@ -77,7 +77,7 @@ int kyStream::GetChildrenOf(kyStream* pAncestor, kyStream** apChain, int nMax) {
   return pAncestor == nullptr ? n : 0;
 }
 
-bool kyStream::WriteStreamHeader(int64_t offset, t_kyStreamU& header) {
+bool kyStream::WriteStreamHeader(__int64 offset, t_kyStreamU& header) {
   if (SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
   const DWORD width = static_cast<DWORD>(HeaderWidth());
   DWORD written = 0;
@@ -91,7 +91,7 @@ bool kyStream::WriteHeaderBack() {
   return m_pStorage != nullptr && m_pStorage->WriteStreamHeader(m_offset.headerOffset, m_hdr);
 }
 
-BOOL kyStream::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
+BOOL kyStream::ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead,
                         OVERLAPPED* overlapped) {
   if (count <= 0) {
     if (pRead) *pRead = count;
@@ -99,8 +99,8 @@ BOOL kyStream::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
   }
   if (StorageInMemory()) {
     // One in-memory transfer moves at most the transfer cap.
-    const int64_t kCap = 0x3F000000LL;
-    int64_t n = count > kCap ? kCap : count;
+    const __int64 kCap = 0x3F000000LL;
+    __int64 n = count > kCap ? kCap : count;
     if (n > m_pStorage->m_imageSize - m_memPos) return FALSE;
     memcpy(buf, m_pStorage->m_pImage + m_memPos, static_cast<size_t>(n));
     m_memPos += n;
@@ -112,7 +112,7 @@ BOOL kyStream::ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead,
   return TRUE;
 }
 
-int64_t kyStream::SetFilePointer(HANDLE hFile, int64_t distance, DWORD method) {
+__int64 kyStream::SetFilePointer(HANDLE hFile, __int64 distance, DWORD method) {
   if (!StorageInMemory()) return SeekHandle(hFile, distance, method);
   return SeekInImage(m_memPos, m_pStorage->m_imageSize, distance, method);
 }

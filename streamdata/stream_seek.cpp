@@ -16,7 +16,7 @@ namespace {
 // The cursor as it was before a seek, put back when the seek fails.
 class CursorSnapshot {
  public:
-  CursorSnapshot(int64_t& curBlock, int64_t& blockPos, int64_t& dataPos, DataBlock& blockHdr)
+  CursorSnapshot(__int64& curBlock, __int64& blockPos, __int64& dataPos, DataBlock& blockHdr)
       : m_curBlock(curBlock),
         m_blockPos(blockPos),
         m_dataPos(dataPos),
@@ -28,7 +28,7 @@ class CursorSnapshot {
 
   // Puts the cursor back.  Returns the file offset under it, or 0 when it
   // stood before its block's header (no file position to restore then).
-  int64_t Restore() {
+  __int64 Restore() {
     m_curBlock = m_savedCurBlock;
     m_blockPos = m_savedBlockPos;
     m_dataPos = m_savedDataPos;
@@ -37,23 +37,23 @@ class CursorSnapshot {
   }
 
  private:
-  int64_t& m_curBlock;
-  int64_t& m_blockPos;
-  int64_t& m_dataPos;
+  __int64& m_curBlock;
+  __int64& m_blockPos;
+  __int64& m_dataPos;
   DataBlock& m_blockHdr;
-  const int64_t m_savedCurBlock;
-  const int64_t m_savedBlockPos;
-  const int64_t m_savedDataPos;
+  const __int64 m_savedCurBlock;
+  const __int64 m_savedBlockPos;
+  const __int64 m_savedDataPos;
   const DataBlock m_savedBlockHdr;
 };
 
 }  // namespace
 
-int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
+__int64 kyStream::SeekRight(__int64 distance, bool bFromStart) {
   if (distance < 0) return -1;
   CursorSnapshot saved(m_iCurBlock, m_iBlockPos, m_iDataPos, m_blockHdr);
-  auto fail = [&]() -> int64_t {
-    const int64_t at = saved.Restore();
+  auto fail = [&]() -> __int64 {
+    const __int64 at = saved.Restore();
     if (at != 0) SetFilePointer(m_hFile, at, FILE_BEGIN);
     return -1;
   };
@@ -65,7 +65,7 @@ int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
   }
   for (;;) {
     if (m_iBlockPos == 0 && !LoadBlock(m_iCurBlock)) return fail();
-    int64_t step = m_blockHdr.UsedEnd(b64) - m_iBlockPos;
+    __int64 step = m_blockHdr.UsedEnd(b64) - m_iBlockPos;
     if (step < 0) step = 0;
     if (step > distance) step = distance;
     if (SetFilePointer(m_hFile, step, FILE_CURRENT) == -1) return fail();
@@ -73,7 +73,7 @@ int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
     m_iDataPos += step;
     distance -= step;
     if (distance == 0) return 0;
-    const int64_t next = NextBlockLink();
+    const __int64 next = NextBlockLink();
     // At the end of the chain the target lies beyond the data.
     if (next <= 0) return fail();
     m_iCurBlock = next;
@@ -81,24 +81,24 @@ int64_t kyStream::SeekRight(int64_t distance, bool bFromStart) {
   }
 }
 
-int64_t kyStream::SeekLeft(int64_t distance, bool bFromEnd) {
+__int64 kyStream::SeekLeft(__int64 distance, bool bFromEnd) {
   if (distance < 0) return -1;
   CursorSnapshot saved(m_iCurBlock, m_iBlockPos, m_iDataPos, m_blockHdr);
-  auto fail = [&]() -> int64_t {
-    const int64_t at = saved.Restore();
+  auto fail = [&]() -> __int64 {
+    const __int64 at = saved.Restore();
     if (at != 0) SetFilePointer(m_hFile, at, FILE_BEGIN);
     return -1;
   };
   const bool b64 = W64();
-  const int64_t h = BlockHeaderSize();
+  const __int64 h = BlockHeaderSize();
   if (bFromEnd) {
     // The end is the recorded length; a damaged one gives no position.
     if (!LengthUsable()) return fail();
     // A stream that never recorded its last block ends in its first.
     if (m_hdr.LastBlock(b64) == 0) m_hdr.SetLastBlock(b64, m_hdr.FirstBlock(b64));
-    const int64_t last = m_hdr.LastBlock(b64);
+    const __int64 last = m_hdr.LastBlock(b64);
     if (!LoadBlock(last)) return fail();
-    const int64_t usedEnd = m_blockHdr.UsedEnd(b64);
+    const __int64 usedEnd = m_blockHdr.UsedEnd(b64);
     if (usedEnd > h && SetFilePointer(m_hFile, usedEnd - h, FILE_CURRENT) == -1) return fail();
     m_iCurBlock = last;
     m_iBlockPos = usedEnd > h ? usedEnd : h;
@@ -106,13 +106,13 @@ int64_t kyStream::SeekLeft(int64_t distance, bool bFromEnd) {
   }
   if (distance == 0) return 0;
 
-  int64_t result;
+  __int64 result;
   if (m_iBlockPos <= h) {
     // Nothing of this block lies before the cursor: walk from the start.  A
     // target before the start is the start.
     result = SeekRight(distance >= m_iDataPos ? 0 : m_iDataPos - distance, true);
   } else {
-    int64_t back = m_iBlockPos - h;
+    __int64 back = m_iBlockPos - h;
     if (back > distance) back = distance;
     m_iBlockPos -= back;
     m_iDataPos -= back;
@@ -126,7 +126,7 @@ int64_t kyStream::SeekLeft(int64_t distance, bool bFromEnd) {
   return result == -1 ? fail() : result;
 }
 
-int64_t kyStream::Seek(int64_t distance, unsigned char origin, bool bForward) {
+__int64 kyStream::Seek(__int64 distance, unsigned char origin, bool bForward) {
   if (distance < 0) return -1;
   switch (origin) {
     case 0:
@@ -140,10 +140,10 @@ int64_t kyStream::Seek(int64_t distance, unsigned char origin, bool bForward) {
   }
 }
 
-int64_t kyStream::Seek2(int64_t offset, UINT from) {
+__int64 kyStream::Seek2(__int64 offset, UINT from) {
   // The most negative offset has no positive counterpart; it means "as far
   // back as can be", which the backward seek takes as the start anyway.
-  const int64_t back = offset == INT64_MIN ? INT64_MAX : -offset;
+  const __int64 back = offset == INT64_MIN ? INT64_MAX : -offset;
   switch (from) {
     case 0:
       return offset >= 0 ? SeekRight(offset, true) : SeekLeft(back, true);

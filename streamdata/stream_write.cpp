@@ -12,9 +12,9 @@
 
 namespace {
 
-const int64_t kMaxPass = 0x80000000LL;  // most bytes one platform write moves
+const __int64 kMaxPass = 0x80000000LL;  // most bytes one platform write moves
 
-bool WriteExactly(HANDLE hFile, const void* buf, int64_t count) {
+bool WriteExactly(HANDLE hFile, const void* buf, __int64 count) {
   DWORD written = 0;
   return WriteFile(hFile, buf, static_cast<DWORD>(count), &written, nullptr) &&
          written == static_cast<DWORD>(count);
@@ -22,7 +22,7 @@ bool WriteExactly(HANDLE hFile, const void* buf, int64_t count) {
 
 }  // namespace
 
-int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t* pFileOffset) {
+__int64 kyStream::Write(const void* buf, __int64 count, bool bEraseOld, __int64* pFileOffset) {
   // A storage held in memory has no file to write to.
   if (StorageInMemory()) return 0;
   if (m_pStorage == nullptr) return -1;
@@ -36,17 +36,17 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
   if (count <= 0) return 0;
 
   const bool b64 = W64();
-  const int64_t h = BlockHeaderSize();
+  const __int64 h = BlockHeaderSize();
   const BYTE* in = static_cast<const BYTE*>(buf);
-  int64_t written = 0;
-  int64_t visited = 0;  // the last block of this call whose header was in hand
+  __int64 written = 0;
+  __int64 visited = 0;  // the last block of this call whose header was in hand
   bool offsetReported = false;
 
   // Writes back the block header when its data grew, a block was appended
   // or the write ends the stream; then the stream's length and last block
   // when the stream grew or ends here; then puts the file position back
   // under the cursor.
-  auto updateHeaders = [&](int64_t appended) -> bool {
+  auto updateHeaders = [&](__int64 appended) -> bool {
     if (appended != 0 || bEraseOld || m_iBlockPos > m_blockHdr.UsedEnd(b64)) {
       if (SetFilePointer(m_hFile, m_iCurBlock, FILE_BEGIN) == -1) return false;
       m_blockHdr.SetUsedEnd(b64, m_iBlockPos);
@@ -83,16 +83,16 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     visited = m_iCurBlock;
 
     // Size of this pass.
-    const int64_t rest = count - written;
-    const int64_t m = rest < kMaxPass ? rest : kMaxPass;
-    int64_t n;
+    const __int64 rest = count - written;
+    const __int64 m = rest < kMaxPass ? rest : kMaxPass;
+    __int64 n;
     // The block this object appended last ends the file, unless another
     // object over the same file has linked a block behind it since: growing
     // it then would overwrite that block.
     if (m_iCurBlock == m_pStorage->m_lastAppended && m_blockHdr.NextBlock(b64) == 0) {
       // The block ends the file and grows in place, up to the file limit.
-      const int64_t limit = m_pStorage->FileSizeLimit();
-      const int64_t at = m_iCurBlock + m_iBlockPos;
+      const __int64 limit = m_pStorage->FileSizeLimit();
+      const __int64 at = m_iCurBlock + m_iBlockPos;
       n = m;
       if (m > limit - at) {
         if (at >= limit) return written;
@@ -100,16 +100,16 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
       }
     } else {
       // The room left in the block; never write backwards.
-      int64_t room = m_blockHdr.AllocEnd(b64) - m_iBlockPos;
+      __int64 room = m_blockHdr.AllocEnd(b64) - m_iBlockPos;
       if (room < 0) room = 0;
       n = m < room ? m : room;
     }
-    const int64_t maxStream = kyStorage::g_iMaxCompStmSize;
+    const __int64 maxStream = kyStorage::g_iMaxCompStmSize;
     if (m_iDataPos >= maxStream) return written;
     if (n > maxStream - m_iDataPos) n = maxStream - m_iDataPos;
 
     if (n != 0 && pFileOffset != nullptr && !offsetReported) {
-      const int64_t at = SetFilePointer(m_hFile, 0, FILE_CURRENT);
+      const __int64 at = SetFilePointer(m_hFile, 0, FILE_CURRENT);
       *pFileOffset = at == -1 ? 0 : at;
       offsetReported = true;
     }
@@ -121,7 +121,7 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     m_iDataPos += done;
 
     const bool more = written < count;
-    int64_t appended = 0;
+    __int64 appended = 0;
     if (more && m_blockHdr.NextBlock(b64) == 0) {
       appended = AllocateNextBlock(m_iCurBlock);
       // No room for another block: what was written stays, with its
@@ -131,7 +131,7 @@ int64_t kyStream::Write(const void* buf, int64_t count, bool bEraseOld, int64_t*
     }
     if (!updateHeaders(appended)) return -1;
     if (!more) return written;
-    const int64_t next = NextBlockLink();
+    const __int64 next = NextBlockLink();
     if (next > 0) {
       m_iCurBlock = next;
       m_iBlockPos = 0;

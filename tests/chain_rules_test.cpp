@@ -160,7 +160,7 @@ TEST_P(ChainRules, DamagedLengthsAreNeverComputedWith) {
       BYTE* copy = reinterpret_cast<BYTE*>(1);
       EXPECT_EQ(a->CopyStreamToBuffer(copy, TRUE), 0u);
       EXPECT_EQ(copy, nullptr);
-      int64_t len = 7;
+      long long len = 7;
       EXPECT_FALSE(a->GetVerifiedDataLength(len));
       EXPECT_EQ(len, 0);
       EXPECT_EQ(kytest::CursorOf(a), start);

@@ -56,7 +56,7 @@ TEST_P(CopyGuardTest, AWalkStoppedByADamagedSlotFailsTheCopy) {
   kytest::WriteAll(path, image);
   ASSERT_NE(nullptr, Reopen());
   auto s = Open("S");
-  int64_t cursor = 0;
+  long long cursor = 0;
   Hold(s->OpenStreamFirst(&cursor, kModeReadShared));
   EXPECT_EQ(nullptr, s->OpenStreamNext(&cursor, kModeReadShared));
   EXPECT_LT(cursor, s->GetLength());  // ended early: damage, not the end

@@ -64,7 +64,7 @@ class CopyOverTest : public FolderTest {
       out[at] = Text(s);
       return;
     }
-    int64_t cursor = 0;
+    long long cursor = 0;
     for (kyStream* c = s->OpenStreamFirst(&cursor, kModeReadShared); c != nullptr;
          c = s->OpenStreamNext(&cursor, kModeReadShared))
       Collect(Hold(c).get(), at + "/" + c->GetName(), out);

@@ -179,7 +179,7 @@ TEST_P(FolderTest, FirstAndNextSkipFreeSlotsWithTheirCursor) {
   }
   ASSERT_NE(nullptr, Reopen());
   auto top = Open("Top");
-  int64_t cursor = -7;
+  long long cursor = -7;
   auto first = Hold(top->OpenStreamFirst(&cursor, kModeReadShared));
   ASSERT_NE(nullptr, first);
   EXPECT_STREQ("a", first->GetName());
@@ -198,7 +198,7 @@ TEST_P(FolderTest, FirstAndNextSkipFreeSlotsWithTheirCursor) {
 
 TEST_P(FolderTest, EmptyFolderAndDataStreamGiveNothing) {
   auto empty = Hold(Root("Empty"));
-  int64_t cursor = 0;
+  long long cursor = 0;
   EXPECT_FALSE(Finds(empty, "x"));
   EXPECT_EQ(nullptr, empty->OpenStreamFirst(&cursor, kModeReadShared));
   EXPECT_EQ(0u, empty->GetNumChildren());
@@ -209,7 +209,7 @@ TEST_P(FolderTest, EmptyFolderAndDataStreamGiveNothing) {
   const Bytes table = DataOf(top);
   ASSERT_EQ(static_cast<int64_t>(table.size()), data->Write(table.data(), table.size()));
   ASSERT_EQ(0, data->Seek(0, 0));
-  const int64_t pos = kyTestAccess::BlockPos(data.get());
+  const long long pos = kyTestAccess::BlockPos(data.get());
   cursor = 4;
   EXPECT_EQ(nullptr, data->OpenStreamFirst(&cursor, kModeReadShared));
   EXPECT_EQ(nullptr, data->OpenStreamNext(&cursor, kModeReadShared));

@@ -70,7 +70,7 @@ TEST_P(DamageTest, CountLargerThanTheData) {
   Patch(topBlock + H(), 0xFFFFFFFFu, false);
   ASSERT_NE(nullptr, Reopen());
   auto top = Open("Top");
-  int64_t cursor = 0;
+  long long cursor = 0;
   EXPECT_EQ(nullptr, top->OpenStreamFirst(&cursor, kModeReadShared));  // a negative count
   EXPECT_FALSE(Finds(top, "missing"));
   top->PreloadChildren();

@@ -356,7 +356,7 @@ TEST(StorageFileMemory, LoadServesReadsFromMemoryWithTheFileClosed) {
   EXPECT_EQ(kyTestAccess::SetFilePointer(s, 0, 2), size);
 
   Bytes chunk(1000);
-  int64_t got = 0;
+  long long got = 0;
   ASSERT_EQ(kyTestAccess::SetFilePointer(s, 3000000, 0), 3000000);
   ASSERT_TRUE(kyTestAccess::ReadFile(s, chunk.data(), 1000, &got));
   EXPECT_EQ(got, 1000);

@@ -48,7 +48,7 @@ TEST_P(StreamBlocks, BlockThatEndsTheFileGrowsInPlace) {
   auto a = Hold(NewStream(s, "A"));
   const int64_t end = Size();
   const Bytes data = Pattern(8000, 1);
-  int64_t at = -1;
+  long long at = -1;
   ASSERT_EQ(a->Write(data.data(), 5000, false, &at), 5000);
   EXPECT_EQ(at, end + H());
   ASSERT_EQ(a->Write(data.data() + 5000, 3000), 3000);
@@ -72,7 +72,7 @@ TEST_P(StreamBlocks, FullBlockGetsANewBlockOnceAnotherWasAppended) {
   const int64_t a2 = Size();
   // Back to the end of A (B moved the shared position), then 250 more.
   ASSERT_EQ(a->Seek(0, 1), 0);
-  int64_t at = -1;
+  long long at = -1;
   ASSERT_EQ(a->Write(data.data() + 100, 250, false, &at), 250);
   EXPECT_EQ(at, a2 + H());
   EXPECT_EQ(Size(), a2 + H() + 250);

@@ -66,7 +66,7 @@ class StreamDamage : public kytest::StreamTest {
       TearDown();
     }
   }
-  int64_t ReadFails(int64_t n = 100) {
+  int64_t ReadFails(long long n = 100) {
     Bytes buf(static_cast<size_t>(n));
     return a->Read(buf.data(), n);
   }
@@ -91,7 +91,7 @@ class StreamDamage : public kytest::StreamTest {
     a->Seek(0, 0);
     a->CopyStreamToBuffer(copy, TRUE);
     a->FreeBuffer(copy);
-    int64_t len = 0;
+    long long len = 0;
     a->GetVerifiedDataLength(len);
   }
 

@@ -32,7 +32,7 @@ class StreamIo : public kytest::StreamTest {
         ASSERT_EQ(a->Seek(0, 1), 0);
       }
       blocks.push_back(Size());
-      const int64_t n = std::min<int64_t>(kBlock, 250 - done);
+      const long long n = std::min<int64_t>(kBlock, 250 - done);
       ASSERT_EQ(a->Write(data.data() + done, n), n);
       const std::string other = "B" + std::to_string(done);
       ASSERT_EQ(Hold(NewStream(s, other.c_str()))->Write("b", 1), 1);
@@ -89,7 +89,7 @@ TEST_P(StreamIo, OverwritesKeepTheLengthAndTruncatingWritesEndTheStream) {
   const Bytes twenty = Pattern(20, 5);
   std::copy(twenty.begin(), twenty.end(), data.begin() + 95);
   ASSERT_EQ(a->Seek(95, 0), 0);
-  int64_t at = -1;
+  long long at = -1;
   ASSERT_EQ(a->Write(twenty.data(), 20, false, &at), 20);
   EXPECT_EQ(at, blocks[0] + H() + 95);
   EXPECT_EQ(HeaderAt(HeaderOffset(a)), (HeaderOnDisk{0, 250, blocks[2], blocks[0]}));
@@ -119,7 +119,7 @@ TEST_P(StreamIo, SeeksMoveTheCursorAndFailedSeeksLeaveIt) {
     Kind kind;
     int64_t distance;
     unsigned origin;
-    int64_t pos;  // -1: the seek fails
+    long long pos;  // -1: the seek fails
     int block;    // index of the block the cursor must be in, or -1
   };
   const Step steps[] = {
@@ -215,7 +215,7 @@ TEST_P(StreamIo, SizePrefixIsVerifiedAgainstTheData) {
   auto plain = Hold(NewStream(s, "P"));
   ASSERT_EQ(plain->Write("abcdef", 6), 6);
   ASSERT_EQ(plain->Seek(0, 0), 0);
-  int64_t len = -1;
+  long long len = -1;
   EXPECT_TRUE(plain->GetVerifiedDataLength(len));  // unmarked: nothing is read
   EXPECT_EQ(len, 6);
   EXPECT_EQ(kyTestAccess::DataPos(plain.get()), 0);

@@ -44,7 +44,7 @@ bool IsInside(const StreamPath& path, const StreamPath& outer) {
 // so its result alone cannot tell a complete copy of such a folder.
 bool CopyMatches(kyStream* src, kyStream* dst, int depth) {
   if (depth > kMaxFolderDepth) return false;  // deeper than the library opens
-  int64_t cursor = 0;
+  long long cursor = 0;
   for (kyStream* child = src->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
        child = src->OpenStreamNext(&cursor, kModeReadShared)) {
     kyStream* copy = dst->OpenStream(child->GetName(), kModeReadShared);

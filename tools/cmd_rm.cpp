@@ -21,7 +21,7 @@ struct RmOptions {
 };
 
 bool HasChildren(kyStream* folder) {
-  int64_t cursor = 0;
+  long long cursor = 0;
   kyStream* child = folder->OpenStreamFirst(&cursor, kModeReadShared);
   if (child == nullptr) return false;
   child->Release();

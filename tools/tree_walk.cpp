@@ -65,7 +65,7 @@ bool TreeWalk::Children(kyStream* folder, int depth) {
   }
   const int64_t width = StreamHeaderSize(m_scan.offsets64);
   bool reported = false;
-  int64_t cursor = 0;
+  long long cursor = 0;
   kyStream* child = folder->OpenStreamFirst(&cursor, kModeReadShared);
   for (;;) {
     for (; child != nullptr; child = folder->OpenStreamNext(&cursor, kModeReadShared)) {

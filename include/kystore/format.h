@@ -26,8 +26,8 @@ const size_t kSignatureLength = 24;
 const WORD kSlotsPerBlock = 64;        // slots in a directory block
 const WORD kFastSlots = 6;             // fast slots of a file with the 32-byte header
 const WORD kLegacyFastSlots = 2;       // fast slots of a file with the older 26-byte header
-const int64_t kHeaderSize = 32;        // StorageHeader as written today
-const int64_t kLegacyHeaderSize = 26;  // older header form, read only
+const __int64 kHeaderSize = 32;        // StorageHeader as written today
+const __int64 kLegacyHeaderSize = 26;  // older header form, read only
 const int kMaxNameLength = 60;         // characters of a stream name, terminator excluded
 
 // Bits of t_kyStreamU::bFolder.
@@ -82,9 +82,9 @@ struct t_kyStreamU64 {
   char szName[61];
   WORD wDuration;
   BYTE bFolder;
-  int64_t length;
-  int64_t lastBlock;
-  int64_t firstBlock;
+  __int64 length;
+  __int64 lastBlock;
+  __int64 firstBlock;
 };
 
 // One stream header in either layout.  The first 68 bytes are common.
@@ -103,26 +103,26 @@ union t_kyStreamU {
   BYTE Flags() const { return s32.bFolder; }
   bool IsFree() const { return s32.szName[0] == '\0'; }
 
-  int64_t Length(bool b64) const { return b64 ? s64.length : static_cast<int64_t>(s32.length); }
-  int64_t LastBlock(bool b64) const {
-    return b64 ? s64.lastBlock : static_cast<int64_t>(s32.lastBlock);
+  __int64 Length(bool b64) const { return b64 ? s64.length : static_cast<__int64>(s32.length); }
+  __int64 LastBlock(bool b64) const {
+    return b64 ? s64.lastBlock : static_cast<__int64>(s32.lastBlock);
   }
-  int64_t FirstBlock(bool b64) const {
-    return b64 ? s64.firstBlock : static_cast<int64_t>(s32.firstBlock);
+  __int64 FirstBlock(bool b64) const {
+    return b64 ? s64.firstBlock : static_cast<__int64>(s32.firstBlock);
   }
-  void SetLength(bool b64, int64_t v) {
+  void SetLength(bool b64, __int64 v) {
     if (b64)
       s64.length = v;
     else
       s32.length = static_cast<DWORD>(v);
   }
-  void SetLastBlock(bool b64, int64_t v) {
+  void SetLastBlock(bool b64, __int64 v) {
     if (b64)
       s64.lastBlock = v;
     else
       s32.lastBlock = static_cast<DWORD>(v);
   }
-  void SetFirstBlock(bool b64, int64_t v) {
+  void SetFirstBlock(bool b64, __int64 v) {
     if (b64)
       s64.firstBlock = v;
     else
@@ -139,7 +139,7 @@ struct DirectoryBlockHead32 {
 struct DirectoryBlockHead64 {
   DWORD dwMagic;
   DWORD dwSlotCount;
-  int64_t nextBlock;
+  __int64 nextBlock;
 };
 
 struct DirectoryBlock32 {
@@ -159,8 +159,8 @@ union DirectoryBlock {
 
   DWORD Magic() const { return d32.head.dwMagic; }
   DWORD SlotCount() const { return d32.head.dwSlotCount; }
-  int64_t NextBlock(bool b64) const {
-    return b64 ? d64.head.nextBlock : static_cast<int64_t>(d32.head.nextBlock);
+  __int64 NextBlock(bool b64) const {
+    return b64 ? d64.head.nextBlock : static_cast<__int64>(d32.head.nextBlock);
   }
 };
 
@@ -175,10 +175,10 @@ struct DataBlock32 {
 struct DataBlock64 {
   DWORD dwMagic;
   DWORD dwReserved;
-  int64_t usedEnd;
-  int64_t allocEnd;
-  int64_t prevBlock;
-  int64_t nextBlock;
+  __int64 usedEnd;
+  __int64 allocEnd;
+  __int64 prevBlock;
+  __int64 nextBlock;
 };
 
 union DataBlock {
@@ -187,33 +187,33 @@ union DataBlock {
   BYTE raw[40];
 
   DWORD Magic() const { return b32.dwMagic; }
-  int64_t UsedEnd(bool w) const { return w ? b64.usedEnd : static_cast<int64_t>(b32.usedEnd); }
-  int64_t AllocEnd(bool w) const { return w ? b64.allocEnd : static_cast<int64_t>(b32.allocEnd); }
-  int64_t PrevBlock(bool w) const {
-    return w ? b64.prevBlock : static_cast<int64_t>(b32.prevBlock);
+  __int64 UsedEnd(bool w) const { return w ? b64.usedEnd : static_cast<__int64>(b32.usedEnd); }
+  __int64 AllocEnd(bool w) const { return w ? b64.allocEnd : static_cast<__int64>(b32.allocEnd); }
+  __int64 PrevBlock(bool w) const {
+    return w ? b64.prevBlock : static_cast<__int64>(b32.prevBlock);
   }
-  int64_t NextBlock(bool w) const {
-    return w ? b64.nextBlock : static_cast<int64_t>(b32.nextBlock);
+  __int64 NextBlock(bool w) const {
+    return w ? b64.nextBlock : static_cast<__int64>(b32.nextBlock);
   }
-  void SetUsedEnd(bool w, int64_t v) {
+  void SetUsedEnd(bool w, __int64 v) {
     if (w)
       b64.usedEnd = v;
     else
       b32.usedEnd = static_cast<DWORD>(v);
   }
-  void SetAllocEnd(bool w, int64_t v) {
+  void SetAllocEnd(bool w, __int64 v) {
     if (w)
       b64.allocEnd = v;
     else
       b32.allocEnd = static_cast<DWORD>(v);
   }
-  void SetPrevBlock(bool w, int64_t v) {
+  void SetPrevBlock(bool w, __int64 v) {
     if (w)
       b64.prevBlock = v;
     else
       b32.prevBlock = static_cast<DWORD>(v);
   }
-  void SetNextBlock(bool w, int64_t v) {
+  void SetNextBlock(bool w, __int64 v) {
     if (w)
       b64.nextBlock = v;
     else
@@ -225,8 +225,8 @@ union DataBlock {
 
 // Where a stream header lives.  Kept in memory only, never written.
 struct tag_kyStreamOffset {
-  int64_t headerOffset;  // file offset of the header slot
-  int64_t blockOffset;   // root streams: offset of the directory block; children: 0
+  __int64 headerOffset;  // file offset of the header slot
+  __int64 blockOffset;   // root streams: offset of the directory block; children: 0
   DWORD dwBlockSlots;    // root streams: slot count of that block; children: 0
   DWORD dwDuration;      // the header's wDuration times 60 (seconds)
 };
@@ -241,26 +241,26 @@ struct t_kyStreamWithOffset {
 };
 
 // Sizes that depend on the offset width.
-inline int64_t StreamHeaderSize(bool b64) {
+inline __int64 StreamHeaderSize(bool b64) {
   return b64 ? 92 : 80;
 }
-inline int64_t DirectoryHeadSize(bool b64) {
+inline __int64 DirectoryHeadSize(bool b64) {
   return b64 ? 16 : 12;
 }
-inline int64_t DirectoryBlockSize(bool b64) {
+inline __int64 DirectoryBlockSize(bool b64) {
   return b64 ? 5904 : 5132;
 }
-inline int64_t DataBlockHeaderSize(bool b64) {
+inline __int64 DataBlockHeaderSize(bool b64) {
   return b64 ? 40 : 20;
 }
 // Byte offset of a header's `length` field (followed by lastBlock).
-const int64_t kHeaderLengthOffset = 68;
-const int64_t kHeaderFlagsOffset = 67;
-inline int64_t HeaderFirstBlockOffset(bool b64) {
+const __int64 kHeaderLengthOffset = 68;
+const __int64 kHeaderFlagsOffset = 67;
+inline __int64 HeaderFirstBlockOffset(bool b64) {
   return b64 ? 84 : 76;
 }
 // File offset of slot `index` of the directory block at `block`.
-inline int64_t SlotOffset(int64_t block, int64_t index, bool b64) {
+inline __int64 SlotOffset(__int64 block, __int64 index, bool b64) {
   return block + DirectoryHeadSize(b64) + StreamHeaderSize(b64) * index;
 }
 

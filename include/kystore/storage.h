@@ -164,8 +164,8 @@ class kyStorage {
   // --- settings read at the moment of use --------------------------------
 
   static int g_bUse64BitOffsets;     // width of new files: nonzero 64-bit, 0 32-bit
-  static int64_t g_iMaxTolvarSize;   // largest file with 64-bit offsets
-  static int64_t g_iMaxCompStmSize;  // largest data position a write reaches
+  static __int64 g_iMaxTolvarSize;   // largest file with 64-bit offsets
+  static __int64 g_iMaxCompStmSize;  // largest data position a write reaches
 
  private:
   friend class kyStream;
@@ -182,12 +182,12 @@ class kyStorage {
   void LoadIntoMemory();
 
   // Positioned I/O on the file or on the in-memory image.
-  int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
-  BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
-  bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+  __int64 SetFilePointer(HANDLE hFile, __int64 distance, DWORD method);
+  BOOL ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead, OVERLAPPED* overlapped);
+  bool WriteStreamHeader(__int64 offset, t_kyStreamU& header);
   // Reads exactly `count` bytes at `offset` without moving the shared file
   // position or the image's; false when they are not all there.
-  bool ReadAt(int64_t offset, void* buf, int64_t count);
+  bool ReadAt(__int64 offset, void* buf, __int64 count);
 
   // Whether both storages are open on the same file, under whatever names.
   bool SameFileAs(const kyStorage& other) const;
@@ -195,27 +195,27 @@ class kyStorage {
   bool CanRead() const;
   // Current size of the file (or the image); -1 when it cannot be found.
   // A size found is also taken as the known size below.
-  int64_t CurrentFileSize();
+  __int64 CurrentFileSize();
   // Whether the `count` bytes at `offset` lie inside the file.  Checked
   // against the known size; the file is asked only when that is too small
   // (another object or process may have grown the file).  False for
   // negative values and for sums beyond the range of an offset.
-  bool FileHolds(int64_t offset, int64_t count);
+  bool FileHolds(__int64 offset, __int64 count);
   // Notes that one of our own writes made the file reach `end` bytes.
-  void FileReached(int64_t end);
+  void FileReached(__int64 end);
   // Largest size the file may reach: g_iMaxTolvarSize or 4294967295.
-  int64_t FileSizeLimit() const;
+  __int64 FileSizeLimit() const;
   // Reads and checks the directory block at `offset` (magic required).
-  bool ReadDirectoryBlock(int64_t offset, DirectoryBlock& block);
+  bool ReadDirectoryBlock(__int64 offset, DirectoryBlock& block);
   // The one step of every walk along the root directory chain.  With
   // `offset` 0 it reads the first block; otherwise the block that `block`,
   // read at `offset`, links to.  The block is read whole into `block` and
   // its offset put in `offset`.  Returns 1 with a block, 0 after the last
   // block, -1 when a block cannot be read or a link is damage.
-  int NextDirectoryBlock(int64_t& offset, DirectoryBlock& block);
+  int NextDirectoryBlock(__int64& offset, DirectoryBlock& block);
   // A link of the directory block at `block` leads on only when it points
   // behind the whole block, to a block that lies whole in the file.
-  bool DirectoryLinkUsable(int64_t block, int64_t link);
+  bool DirectoryLinkUsable(__int64 block, __int64 link);
 
   // Root stream map.
   bool InitStreamMap();
@@ -230,11 +230,11 @@ class kyStorage {
   kyStream* CreateStreamHelper(const char* name, DWORD dwType, DWORD mode, bool bFast,
                                bool bOpenFirst);
   bool NameOnDisk(const char* name);
-  kyStream* CreateInSlot(const char* name, DWORD dwType, DWORD mode, int64_t blockOffset,
-                         const DirectoryBlock& block, int64_t index);
-  int64_t AppendDirectoryBlock(int64_t lastBlock);
+  kyStream* CreateInSlot(const char* name, DWORD dwType, DWORD mode, __int64 blockOffset,
+                         const DirectoryBlock& block, __int64 index);
+  __int64 AppendDirectoryBlock(__int64 lastBlock);
 
-  int64_t m_memPos;
+  __int64 m_memPos;
   int m_bSortStreams;
   int m_iSortOrder;
   DWORD m_dwBlockSize;
@@ -242,8 +242,8 @@ class kyStorage {
   BYTE m_bOpenedFast;
   WORD m_wSlotsPerBlock;
   WORD m_wFastSlots;
-  int64_t m_rootOffset;
-  int64_t m_lastAppended;
+  __int64 m_rootOffset;
+  __int64 m_lastAppended;
   t_OpenStreamList m_openStreams;
   CStringArray m_streamNames;
   t_kyStreamMap m_streamMap;
@@ -252,11 +252,11 @@ class kyStorage {
   HANDLE m_hFile;
   BOOL m_bInMemory;
   BYTE* m_pImage;
-  int64_t m_imageSize;
+  __int64 m_imageSize;
   int m_iFormat;
   // The file's size as far as this object knows it, never more than the
   // real size: 0 until first asked, raised by our own appends and growth.
-  int64_t m_knownFileSize = 0;
+  __int64 m_knownFileSize = 0;
   // The file's identity, taken when it is opened (before an in-memory load
   // closes the handle); m_bKnownFile 0 when the system could not tell.
   ULONGLONG m_fileDevice;

@@ -35,15 +35,15 @@ class kyStream {
   // Reads up to `count` bytes at the cursor.  Returns the bytes read (fewer
   // at the end of the data, 0 at the end or for a stream without blocks), or
   // -1 when a block cannot be read or is damaged.
-  virtual int64_t Read(void* buf, int64_t count);
+  virtual __int64 Read(void* buf, __int64 count);
 
   // Writes `count` bytes at the cursor, growing the stream as needed.  With
   // `bEraseOld` the stream ends where the write ends.  When `pFileOffset` is
   // given it receives the file offset of the first byte written.  Returns the
   // bytes written (fewer when a size limit is reached), 0 for a storage held
   // in memory or count <= 0, -1 on a write failure.
-  virtual int64_t Write(const void* buf, int64_t count, bool bEraseOld = false,
-                        int64_t* pFileOffset = nullptr);
+  virtual __int64 Write(const void* buf, __int64 count, bool bEraseOld = false,
+                        __int64* pFileOffset = nullptr);
 
   virtual ~kyStream();
 
@@ -51,13 +51,13 @@ class kyStream {
   // end; 2: from the cursor, forward when `bForward`.  Returns 0, or -1 when
   // the target is beyond the data, a block is damaged, the origin is unknown
   // or the distance negative; the cursor then stays where it was.
-  int64_t Seek(int64_t distance, unsigned char origin, bool bForward = true);
+  __int64 Seek(__int64 distance, unsigned char origin, bool bForward = true);
   // The file-class convention: `from` 0 begin (negative: back from the end),
   // 1 current; anything else goes to the start.
-  int64_t Seek2(int64_t offset, UINT from);
+  __int64 Seek2(__int64 offset, UINT from);
 
   // Lowers the recorded length (never raises it); needs the write bit.
-  bool SetLength(int64_t newLength);
+  bool SetLength(__int64 newLength);
   // Sets the length to 0; the blocks stay and are written over next time.
   bool Erase();
   // Marks the stream as size-prefixed and writes `size` as 4 bytes at the
@@ -65,7 +65,7 @@ class kyStream {
   BOOL PrependSize(DWORD size);
   // For a size-prefixed stream read from its start: reads the prefix,
   // sets `len` to the data length after it and returns whether they agree.
-  BOOL GetVerifiedDataLength(int64_t& len);
+  BOOL GetVerifiedDataLength(__int64& len);
   // Copies the data from the cursor into a new global-memory buffer owned
   // by the caller (release with FreeBuffer).  Returns the bytes copied, 0
   // with `buf` null on failure.
@@ -78,9 +78,9 @@ class kyStream {
   BOOL IsFolder() const { return m_hdr.Flags() == kFolderFlag ? 1 : 0; }
   WORD GetDuration() const { return m_hdr.Duration(); }
   const char* GetName() const { return m_hdr.Name(); }
-  int64_t GetCurDataPos() const { return m_iDataPos; }
+  __int64 GetCurDataPos() const { return m_iDataPos; }
   DWORD GetNumChildren() const { return m_nChildren; }
-  int64_t GetLength() const { return m_hdr.Length(m_b64BitOffsets != 0); }
+  __int64 GetLength() const { return m_hdr.Length(m_b64BitOffsets != 0); }
   // Lists this stream's ancestors below `pAncestor`, nearest first, in
   // apChain.  Returns their number, 0 when `pAncestor` is not an ancestor,
   // or -1 when more than nMax would be needed.
@@ -131,8 +131,8 @@ class kyStream {
   // *pCursor at the end of the data (>= GetLength()); a null with *pCursor
   // short of GetLength() means the walk stopped early: at a damaged slot or
   // a child whose registry refused `dwMode`.
-  kyStream* OpenStreamFirst(int64_t* pCursor, DWORD dwMode);
-  kyStream* OpenStreamNext(int64_t* pCursor, DWORD dwMode);
+  kyStream* OpenStreamFirst(__int64* pCursor, DWORD dwMode);
+  kyStream* OpenStreamNext(__int64* pCursor, DWORD dwMode);
   // Appends the names of the children to `names`, in slot order.
   void EnumStreams(CStringArray& names);
   // Moves this root stream object to the next used slot of the root
@@ -190,8 +190,8 @@ class kyStream {
 
   // Low-level transfers through the storage's handle, or on the storage's
   // in-memory image with this stream's own position.
-  BOOL ReadFile(HANDLE hFile, void* buf, int64_t count, int64_t* pRead, OVERLAPPED* overlapped);
-  int64_t SetFilePointer(HANDLE hFile, int64_t distance, DWORD method);
+  BOOL ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead, OVERLAPPED* overlapped);
+  __int64 SetFilePointer(HANDLE hFile, __int64 distance, DWORD method);
 
   HANDLE m_hFile;
   kyStorage* m_pStorage;
@@ -200,12 +200,12 @@ class kyStream {
   DataBlock m_blockHdr;
   tag_kyStreamOffset m_offset;
   DWORD m_dwOpenMode;
-  int64_t m_memPos;
+  __int64 m_memPos;
   int m_bSortStreams;
   int m_iSortOrder;
-  int64_t m_iCurBlock;
-  int64_t m_iBlockPos;
-  int64_t m_iDataPos;
+  __int64 m_iCurBlock;
+  __int64 m_iBlockPos;
+  __int64 m_iDataPos;
   t_kyChildMap* m_pPreloadMap;
   DWORD m_nChildren;
   t_OpenStreamList m_openChildren;
@@ -221,32 +221,32 @@ class kyStream {
   kyStream& operator=(const kyStream&) = delete;
 
   bool W64() const { return m_b64BitOffsets != 0; }
-  int64_t BlockHeaderSize() const { return DataBlockHeaderSize(W64()); }
-  int64_t HeaderWidth() const { return StreamHeaderSize(W64()); }
+  __int64 BlockHeaderSize() const { return DataBlockHeaderSize(W64()); }
+  __int64 HeaderWidth() const { return StreamHeaderSize(W64()); }
   bool StorageInMemory() const;
 
   // Data block chain.
-  int64_t AllocateFirstBlock();
-  int64_t AllocateNextBlock(int64_t prevBlock);
-  int64_t NewBlockCapacity() const;
+  __int64 AllocateFirstBlock();
+  __int64 AllocateNextBlock(__int64 prevBlock);
+  __int64 NewBlockCapacity() const;
   // The chain rules every walk applies, reading or writing.  LoadBlock
   // takes the header of `block` into m_blockHdr (the cursor then stands
   // after it) only when the block is usable: inside the file, with the
   // magic and ordered ends.  NextBlockLink gives the loaded block's next
   // block, 0 at the end of the chain, or -1 when the link is refused: it
   // must point behind the block's whole room, to a header inside the file.
-  bool LoadBlock(int64_t block);
-  int64_t NextBlockLink();
+  bool LoadBlock(__int64 block);
+  __int64 NextBlockLink();
 
   // Whether the recorded length can be computed with: 0 <= length <= the
   // file's size.  A damaged length fails every call that would start from
   // it or write.
   bool LengthUsable();
 
-  int64_t SeekRight(int64_t distance, bool bFromStart);
-  int64_t SeekLeft(int64_t distance, bool bFromEnd);
+  __int64 SeekRight(__int64 distance, bool bFromStart);
+  __int64 SeekLeft(__int64 distance, bool bFromEnd);
   bool WriteHeaderBack();
-  bool WriteStreamHeader(int64_t offset, t_kyStreamU& header);
+  bool WriteStreamHeader(__int64 offset, t_kyStreamU& header);
 
   // Registry of open children.
   t_OpenStream* AddNewOpenStream(const char* name, DWORD mode);
@@ -256,25 +256,25 @@ class kyStream {
 
   // Folder helpers.
   bool ReadChildCount();
-  int64_t SlotOffsetAtCursor();
-  int64_t SlotOffsetJustRead();
+  __int64 SlotOffsetAtCursor();
+  __int64 SlotOffsetJustRead();
   bool IsOpenBelow();
   // Most slots a walk over this folder's data may read: what its length
   // (and the file) can hold, plus one for the short read at the end.
-  int64_t MaxSlotReads();
+  __int64 MaxSlotReads();
   // Reads up to `slots` slots from the folder's cursor on, advancing
   // *pCursor past each, and opens the first used one.  Null at a short
   // read, a slot without the header magic, or when none is used.
-  kyStream* OpenFirstUsedSlot(int64_t* pCursor, DWORD dwMode, int64_t slots);
+  kyStream* OpenFirstUsedSlot(__int64* pCursor, DWORD dwMode, __int64 slots);
   // Reads the W header bytes at a slot's file offset; no position moves.
-  bool ReadSlotAt(int64_t offset, t_kyStreamU& header);
+  bool ReadSlotAt(__int64 offset, t_kyStreamU& header);
   // Reads the child count (0 when this is no folder or it cannot be read)
   // for a caller that did not ask to move anything: the shared file
   // position stays where it was.
   bool PeekChildCount(DWORD& count);
   // Whether a child whose slot lies at `headerOffset` may be opened below
   // this folder: not one of its own ancestors' slots, not too deep.
-  bool ChildOpenAllowed(int64_t headerOffset);
+  bool ChildOpenAllowed(__int64 headerOffset);
   // Puts the shared file position back under this object's cursor, which
   // another object's transfer may have moved.  False when it cannot be.
   bool ResumeAtCursor();

@@ -9,15 +9,15 @@
 class kyTestAccess {
  public:
   // --- kyStorage ---------------------------------------------------------
-  static int64_t& LastAppended(kyStorage* s) { return s->m_lastAppended; }
-  static int64_t RootOffset(kyStorage* s) { return s->m_rootOffset; }
+  static __int64& LastAppended(kyStorage* s) { return s->m_lastAppended; }
+  static __int64 RootOffset(kyStorage* s) { return s->m_rootOffset; }
   static WORD FastSlots(kyStorage* s) { return s->m_wFastSlots; }
   static WORD SlotsPerBlock(kyStorage* s) { return s->m_wSlotsPerBlock; }
   static int Use64(kyStorage* s) { return s->m_bUse64BitOffsets; }
   static int Format(kyStorage* s) { return s->m_iFormat; }
   static BOOL InMemory(kyStorage* s) { return s->m_bInMemory; }
   static HANDLE File(kyStorage* s) { return s->m_hFile; }
-  static int64_t ImageSize(kyStorage* s) { return s->m_imageSize; }
+  static __int64 ImageSize(kyStorage* s) { return s->m_imageSize; }
   static BYTE OpenedFast(kyStorage* s) { return s->m_bOpenedFast; }
   static DWORD BlockSize(kyStorage* s) { return s->m_dwBlockSize; }
   static t_kyStreamMap& Map(kyStorage* s) { return s->m_streamMap; }
@@ -34,14 +34,14 @@ class kyTestAccess {
     return s->AddNewOpenStream(name, mode);
   }
   static int CloseStream(kyStorage* s, const char* name) { return s->CloseStream(name); }
-  static int64_t SetFilePointer(kyStorage* s, int64_t d, DWORD m) {
+  static __int64 SetFilePointer(kyStorage* s, __int64 d, DWORD m) {
     return s->SetFilePointer(s->m_hFile, d, m);
   }
-  static BOOL ReadFile(kyStorage* s, void* buf, int64_t n, int64_t* got) {
+  static BOOL ReadFile(kyStorage* s, void* buf, __int64 n, __int64* got) {
     return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
   }
-  static int64_t MemPos(kyStorage* s) { return s->m_memPos; }
-  static bool WriteStreamHeader(kyStorage* s, int64_t off, t_kyStreamU& h) {
+  static __int64 MemPos(kyStorage* s) { return s->m_memPos; }
+  static bool WriteStreamHeader(kyStorage* s, __int64 off, t_kyStreamU& h) {
     return s->WriteStreamHeader(off, h);
   }
 
@@ -50,24 +50,24 @@ class kyTestAccess {
   static DataBlock& BlockHeader(kyStream* s) { return s->m_blockHdr; }
   static tag_kyStreamOffset& Offset(kyStream* s) { return s->m_offset; }
   static DWORD& OpenMode(kyStream* s) { return s->m_dwOpenMode; }
-  static int64_t CurBlock(kyStream* s) { return s->m_iCurBlock; }
-  static int64_t BlockPos(kyStream* s) { return s->m_iBlockPos; }
-  static int64_t DataPos(kyStream* s) { return s->m_iDataPos; }
-  static int64_t StreamMemPos(kyStream* s) { return s->m_memPos; }
+  static __int64 CurBlock(kyStream* s) { return s->m_iCurBlock; }
+  static __int64 BlockPos(kyStream* s) { return s->m_iBlockPos; }
+  static __int64 DataPos(kyStream* s) { return s->m_iDataPos; }
+  static __int64 StreamMemPos(kyStream* s) { return s->m_memPos; }
   static t_kyChildMap* PreloadMap(kyStream* s) { return s->m_pPreloadMap; }
   static t_OpenStreamList& Children(kyStream* s) { return s->m_openChildren; }
   static DWORD& NumChildren(kyStream* s) { return s->m_nChildren; }
   static kyStorage* Storage(kyStream* s) { return s->m_pStorage; }
-  static int64_t SeekRight(kyStream* s, int64_t d, bool fromStart) {
+  static __int64 SeekRight(kyStream* s, __int64 d, bool fromStart) {
     return s->SeekRight(d, fromStart);
   }
-  static int64_t SeekLeft(kyStream* s, int64_t d, bool fromEnd) { return s->SeekLeft(d, fromEnd); }
-  static int64_t AllocateFirstBlock(kyStream* s) { return s->AllocateFirstBlock(); }
-  static int64_t AllocateNextBlock(kyStream* s, int64_t prev) { return s->AllocateNextBlock(prev); }
-  static BOOL StreamReadFile(kyStream* s, void* buf, int64_t n, int64_t* got) {
+  static __int64 SeekLeft(kyStream* s, __int64 d, bool fromEnd) { return s->SeekLeft(d, fromEnd); }
+  static __int64 AllocateFirstBlock(kyStream* s) { return s->AllocateFirstBlock(); }
+  static __int64 AllocateNextBlock(kyStream* s, __int64 prev) { return s->AllocateNextBlock(prev); }
+  static BOOL StreamReadFile(kyStream* s, void* buf, __int64 n, __int64* got) {
     return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
   }
-  static int64_t StreamSetFilePointer(kyStream* s, int64_t d, DWORD m) {
+  static __int64 StreamSetFilePointer(kyStream* s, __int64 d, DWORD m) {
     return s->SetFilePointer(s->m_hFile, d, m);
   }
   static kyStream* OpenChildByOffset(kyStream* s, t_kyStreamU& h, tag_kyStreamOffset& o,
@@ -99,7 +99,7 @@ class kyTestAccess {
     return new kyStream(static_cast<kyStorage*>(nullptr), h, INVALID_HANDLE_VALUE, o);
   }
   // A child stream object of `parent` over `h`; nothing is read or written.
-  static kyStream* MakeChildStream(kyStream* parent, t_kyStreamU& h, int64_t headerOffset) {
+  static kyStream* MakeChildStream(kyStream* parent, t_kyStreamU& h, __int64 headerOffset) {
     tag_kyStreamOffset o = {headerOffset, 0, 0, 0};
     return new kyStream(parent, h, INVALID_HANDLE_VALUE, o);
   }
