@@ -108,6 +108,9 @@ void ExploreMapped(kyStorage* st) {
   for (seen = 0; seen < kMaxChildren && st->IterateSortedStreamsNoOPENS(&it); ++seen) {
   }
   st->GetSubfolderCount("a");
+  st->EnableSorting(0, 0);
+  if (kyStream* s = st->FindRootStream("")) s->Release();
+  if (kyStream* s = st->FindRootStorage("")) s->Release();
 }
 
 void ExploreFast(kyStorage* st) {
@@ -164,8 +167,28 @@ void WriteTree(kyStream* s, int depth, int& visits) {
   s->ClearFolder();
 }
 
+// Copies out of the damaged tree into new streams: the first root folder
+// with everything below it, and the first root data stream.
+void CopyOut(kyStorage* st) {
+  if (kyStream* src = st->FindRootStorage("")) {
+    if (kyStream* dst = st->CreateStream("fuzz-copy", 1, 0x16)) {
+      src->CopyFolder(dst);
+      dst->Release();
+    }
+    src->Release();
+  }
+  if (kyStream* src = st->FindRootStream("")) {
+    if (kyStream* dst = st->CreateStream("fuzz-copy-data", 0, 0x16)) {
+      src->CopyStream(dst);
+      dst->Release();
+    }
+    src->Release();
+  }
+}
+
 void WriteMapped(kyStorage* st) {
   int visits = 0;
+  CopyOut(st);
   if (kyStream* c = st->CreateStream("fuzz-root", 1, 0x16)) c->Release();
   if (kyStream* c = st->OpenOrCreateStreamFast("fuzz-fast", 1)) {
     c->Write(kPayload, kPayloadSize);
