@@ -50,6 +50,7 @@ fuzz: check-deps
 	@for t in $(FUZZ_TARGETS); do \
 	  mkdir -p fuzz-corpus/$$t; \
 	  echo "== $$t for $(FUZZ_TIME) s"; \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  $(BUILD)-fuzz/fuzz/$$t -max_total_time=$(FUZZ_TIME) -max_len=65536 -timeout=10 \
 	    fuzz-corpus/$$t fuzz/seeds/$$t || exit 1; \
 	done
