@@ -209,6 +209,8 @@ class OpsFuzzer {
   void OpRelease();
   void OpReopen();
   void OpCheck();
+  // Rows kept for typed entries and for recording and replay, which come
+  // later (kEntriesEnabled, kReplayEnabled).
   void OpEntries() {}
   void OpReplay() {}
 
@@ -645,12 +647,12 @@ void OpsFuzzer::CheckOpened(kyStream* s, const ModelNode* n) {
 // Reads a data stream from its start through `s` and compares.
 void OpsFuzzer::CheckData(kyStream* s, const ModelNode* n) {
   const int64_t len = n->Length();
+  buf_.resize(static_cast<size_t>(len) + 1);
   if (!n->hasBlocks) {
     CHECK(s->Read(buf_.data(), 1) == 0);
     return;
   }
   CHECK(s->Seek(0, 0, true) == 0);
-  buf_.resize(static_cast<size_t>(len) + 1);
   CHECK(s->Read(buf_.data(), len) == len);
   CHECK(memcmp(buf_.data(), n->data.data(), static_cast<size_t>(len)) == 0);
   if (n->noTail) CHECK(s->Read(buf_.data(), 1) == 0);
