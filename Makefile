@@ -11,7 +11,7 @@ BUILD      ?= build
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_TIME  ?= 60
-FUZZ_TARGETS ?= fuzz_open fuzz_popop
+FUZZ_TARGETS ?= fuzz_open fuzz_popop fuzz_ops
 CMAKE      ?= cmake
 
 .PHONY: all deps check-deps configure build demo test sanitize fuzz bench install format clean
@@ -50,6 +50,7 @@ fuzz: check-deps
 	@for t in $(FUZZ_TARGETS); do \
 	  mkdir -p fuzz-corpus/$$t; \
 	  echo "== $$t for $(FUZZ_TIME) s"; \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  $(BUILD)-fuzz/fuzz/$$t -max_total_time=$(FUZZ_TIME) -max_len=65536 -timeout=10 \
 	    fuzz-corpus/$$t fuzz/seeds/$$t || exit 1; \
 	done
