@@ -73,11 +73,24 @@ int kyStream::CloseStream(const char* name) {
   return CloseOpen(m_openChildren, name);
 }
 
+bool kyStream::OthersHoldIt(const char* name) {
+  t_OpenStream* record = m_pParent != nullptr    ? m_pParent->IsStreamOpen(name)
+                         : m_pStorage != nullptr ? m_pStorage->IsStreamOpen(name)
+                                                 : nullptr;
+  return record != nullptr && record->m_nCount > (m_bCounted ? 1 : 0);
+}
+
 int kyStream::Release() {
   int result = 0;
   // Streams without a name were never registered (the opens skip them too).
+  // An object that holds no open of its own (a root stream made by
+  // creation) finds no record of its own: closing the record that another
+  // object of the same name holds would let that one be removed or
+  // reopened exclusively while it is still in use.
   if (m_hdr.Name()[0] != '\0') {
-    if (m_pParent != nullptr)
+    if (!m_bCounted)
+      result = -1;
+    else if (m_pParent != nullptr)
       result = m_pParent->CloseStream(m_hdr.Name());
     else if (m_pStorage != nullptr)
       result = m_pStorage->CloseStream(m_hdr.Name());

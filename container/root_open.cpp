@@ -42,10 +42,13 @@ kyStream* kyStorage::OpenStreamByOffset(tag_kyStreamOffset& offset, const char* 
   if (stm == nullptr) return nullptr;
   // An empty name is left out of the registry: Release skips empty names,
   // so a record made for one could never be closed again.
-  if (held != nullptr)
+  if (held != nullptr) {
     ++held->m_nCount;
-  else if (name[0] != '\0')
-    AddNewOpenStream(name, mode);  // no memory: the stream stays unregistered
+    stm->m_bCounted = true;
+  } else if (name[0] != '\0') {
+    // No memory for the record: the stream stays unregistered.
+    stm->m_bCounted = AddNewOpenStream(name, mode) != nullptr;
+  }
   stm->m_dwOpenMode = mode;
   stm->m_b64BitOffsets = m_bUse64BitOffsets;
   return stm;

@@ -21,13 +21,13 @@ namespace {
 
 const int kMaxDepth = 12;
 const int kMaxChildren = 200;
-const int64_t kMaxReadPerStream = 1 << 20;
+const long long kMaxReadPerStream = 1 << 20;
 // The writing pass visits fewer streams: each visit writes several times.
 const int kMaxWriteDepth = 4;
 const int kMaxWriteChildren = 16;
 const int kMaxWriteVisits = 300;
 const char kPayload[] = "written over a damaged storage";
-const int64_t kPayloadSize = sizeof(kPayload) - 1;
+const long long kPayloadSize = sizeof(kPayload) - 1;
 
 std::string InputPath() {
   char buf[64];
@@ -45,15 +45,15 @@ bool Within(kyStream* s, int seen, int bound) {
 void ReadWhole(kyStream* s) {
   static std::vector<char> buf(64 * 1024);
   if (s->Seek(0, 0, true) != 0) return;
-  for (int64_t total = 0; total < kMaxReadPerStream;) {
-    int64_t n = s->Read(buf.data(), static_cast<int64_t>(buf.size()));
+  for (long long total = 0; total < kMaxReadPerStream;) {
+    long long n = s->Read(buf.data(), static_cast<long long>(buf.size()));
     if (n <= 0) break;
     total += n;
   }
   s->Seek(0, 1, true);
   s->Seek(3, 2, false);
   s->Seek2(-2, 0);
-  int64_t len = 0;
+  long long len = 0;
   s->Seek(0, 0, true);
   s->GetVerifiedDataLength(len);
   BYTE* copy = nullptr;
@@ -67,7 +67,7 @@ void ReadWhole(kyStream* s) {
 void Explore(kyStream* s, int depth) {
   ReadWhole(s);
   if (!s->IsFolder() || depth >= kMaxDepth) return;
-  int64_t cursor = 0;
+  long long cursor = 0;
   int seen = 0;
   for (kyStream* c = s->OpenStreamFirst(&cursor, 0x12);
        c != nullptr && Within(c, seen, kMaxChildren);
@@ -155,7 +155,7 @@ void WriteTree(kyStream* s, int depth, int& visits) {
   if (++visits > kMaxWriteVisits) return;
   WriteInto(s);
   if (!s->IsFolder() || depth >= kMaxWriteDepth) return;
-  int64_t cursor = 0;
+  long long cursor = 0;
   int seen = 0;
   for (kyStream* c = s->OpenStreamFirst(&cursor, 0x16);
        c != nullptr && Within(c, seen, kMaxWriteChildren);

@@ -28,12 +28,12 @@ class FuzzInput {
   }
 
   // A number in [0, limit], cheap for small limits; limit must be >= 0.
-  int64_t UpTo(int64_t limit) {
+  long long UpTo(long long limit) {
     if (limit <= 0) return 0;
-    if (limit < 0xFFFF) return static_cast<int64_t>(Below(static_cast<uint32_t>(limit) + 1));
+    if (limit < 0xFFFF) return static_cast<long long>(Below(static_cast<uint32_t>(limit) + 1));
     uint64_t v = 0;
     for (int i = 0; i < 4; ++i) v = (v << 8) | Byte();
-    return static_cast<int64_t>(v % static_cast<uint64_t>(limit + 1));
+    return static_cast<long long>(v % static_cast<uint64_t>(limit + 1));
   }
 
   // `n` bytes of content: taken from the input while it lasts, then a

@@ -39,11 +39,11 @@ struct ModelNode {
   bool hasBlocks = false;
   bool endKnown = true;
   bool noTail = true;
-  int64_t folderLength = 4;  // a folder's data: the count and its slots
+  long long folderLength = 4;  // a folder's data: the count and its slots
   std::vector<ModelSlot> slots;
   ModelNode* parent = nullptr;
 
-  int64_t Length() const { return folder ? folderLength : static_cast<int64_t>(data.size()); }
+  long long Length() const { return folder ? folderLength : static_cast<long long>(data.size()); }
 };
 
 inline int FindSlot(const ModelNode* folder, const std::string& name) {
@@ -99,14 +99,14 @@ inline void FreeSlot(ModelNode* folder, size_t index) {
 
 // A write of `bytes` at data position `pos` (never beyond the length), cut
 // at the stream limit `limit`.  Returns the bytes the library reports.
-inline int64_t ModelWrite(ModelNode* n, int64_t pos, const std::string& bytes, bool eraseOld,
-                          int64_t limit) {
+inline long long ModelWrite(ModelNode* n, long long pos, const std::string& bytes, bool eraseOld,
+                          long long limit) {
   n->hasBlocks = true;  // even an empty write gives the stream its first block
-  const int64_t count = static_cast<int64_t>(bytes.size());
+  const long long count = static_cast<long long>(bytes.size());
   if (count == 0 || pos >= limit) return 0;
-  const int64_t written = count < limit - pos ? count : limit - pos;
-  const int64_t length = n->Length();
-  const int64_t end = pos + written;
+  const long long written = count < limit - pos ? count : limit - pos;
+  const long long length = n->Length();
+  const long long end = pos + written;
   if (end > length) n->data.resize(static_cast<size_t>(end));
   memcpy(&n->data[static_cast<size_t>(pos)], bytes.data(), static_cast<size_t>(written));
   if (eraseOld) {
@@ -119,7 +119,7 @@ inline int64_t ModelWrite(ModelNode* n, int64_t pos, const std::string& bytes, b
   return written;
 }
 
-inline void ModelSetLength(ModelNode* n, int64_t length) {
+inline void ModelSetLength(ModelNode* n, long long length) {
   if (length >= n->Length()) return;
   n->data.resize(static_cast<size_t>(length));
   n->endKnown = false;

@@ -61,9 +61,12 @@ kyStream* kyStream::OpenStreamByOffset(t_kyStreamU& header, tag_kyStreamOffset& 
   if (child == nullptr) return nullptr;
   child->m_dwOpenMode = dwMode;
   // Release skips streams without a name, so none is recorded for them.
-  if (held != nullptr)
+  if (held != nullptr) {
     ++held->m_nCount;
-  else if (name[0] != '\0')
-    AddNewOpenStream(name, dwMode);  // no memory: the child stays unregistered
+    child->m_bCounted = true;
+  } else if (name[0] != '\0') {
+    // No memory for the record: the child stays unregistered.
+    child->m_bCounted = AddNewOpenStream(name, dwMode) != nullptr;
+  }
   return child;
 }

@@ -36,27 +36,23 @@ __int64 kyStream::SlotOffsetAtCursor() {
   return m_iCurBlock + m_iBlockPos;
 }
 
-// Every slot lies whole inside one block, so stepping back over the slot
-// just read stays in its block and lands on its first byte.  -1 when the
-// cursor cannot be moved.
+// Every slot lies whole inside one block, and a read that ends at the end
+// of a block's data leaves the cursor in that block, so the slot just read
+// starts W bytes before the cursor in the current block.  Working it out
+// needs no seek: stepping back and forward again would fail where the slot
+// ends the in-memory image, whose end no seek may reach.  A slot that does
+// not lie whole in the block is damage: -1.
 __int64 kyStream::SlotOffsetJustRead() {
   const __int64 w = HeaderWidth();
-  if (SeekLeft(w, false) != 0) return -1;
-  const __int64 at = m_iCurBlock + m_iBlockPos;
-  if (SeekRight(w, false) != 0) return -1;
-  return at;
+  if (m_iBlockPos - w < BlockHeaderSize()) return -1;
+  return m_iCurBlock + m_iBlockPos - w;
 }
 
-// A damaged length can claim more than the file holds. The file's size is
-// asked only for lengths that ordinary folders do not reach, so that a lookup
-// in an ordinary folder costs no extra call.
+// A damaged child count can claim more slots than the file holds.  The
+// folder's own recorded length is no bound: another object of the folder may
+// have added slots since this object read its header.
 __int64 kyStream::MaxSlotReads() {
-  const __int64 kOrdinaryFolderBytes = 1 << 20;
-  __int64 bytes = GetLength();
-  if (bytes > kOrdinaryFolderBytes && m_pStorage != nullptr) {
-    const __int64 fileSize = m_pStorage->CurrentFileSize();
-    if (fileSize >= 0 && fileSize < bytes) bytes = fileSize;
-  }
+  __int64 bytes = m_pStorage != nullptr ? m_pStorage->CurrentFileSize() : 0;
   if (bytes < 0) bytes = 0;
   return bytes / HeaderWidth() + 1;
 }

@@ -60,13 +60,15 @@ bool kyStream::GoNext() {
   delete m_pPreloadMap;
   m_pPreloadMap = nullptr;
 
-  if (!oldName.IsEmpty()) m_pStorage->CloseStream(oldName);
+  if (m_bCounted && !oldName.IsEmpty()) m_pStorage->CloseStream(oldName);
   // Another object may hold the new stream already: its record counts this
   // open too, so that one name keeps one record.
   t_OpenStream* held = m_pStorage->IsStreamOpen(m_hdr.Name());
-  if (held != nullptr)
+  if (held != nullptr) {
     ++held->m_nCount;
-  else
-    m_pStorage->AddNewOpenStream(m_hdr.Name(), m_dwOpenMode);
+    m_bCounted = true;
+  } else {
+    m_bCounted = m_pStorage->AddNewOpenStream(m_hdr.Name(), m_dwOpenMode) != nullptr;
+  }
   return true;
 }

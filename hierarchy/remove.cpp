@@ -24,11 +24,7 @@ bool kyStream::Remove() {
   const CString name = SlotName(m_hdr);
   // Another object of this stream, or of anything below it, would go on
   // writing into a slot that is free on disk or already someone else's.
-  // This object counts once on its own record; a root stream made by
-  // creation and never opened has none.
-  t_OpenStream* own =
-      m_pParent != nullptr ? m_pParent->IsStreamOpen(name) : m_pStorage->IsStreamOpen(name);
-  if ((own != nullptr && own->m_nCount > 1) || IsOpenBelow()) return false;
+  if (OthersHoldIt(name) || IsOpenBelow()) return false;
 
   if (IsFolder()) RemoveChildren();
 
@@ -50,12 +46,13 @@ bool kyStream::Remove() {
   kyStorage* storage = m_pStorage;
   if (storage->m_pRecorder != nullptr) storage->m_pRecorder->OpRemove(name, parent);
   if (parent != nullptr) {
-    parent->CloseStream(name);
+    if (m_bCounted) parent->CloseStream(name);
     parent->ForgetPreloadedChild(name);
   } else {
-    storage->CloseStream(name);
+    if (m_bCounted) storage->CloseStream(name);
     storage->RemoveStream(name);
   }
+  m_bCounted = false;
   Release();  // the name is empty now: Release closes nothing
   if (storage->m_pRecorder != nullptr) storage->m_pRecorder->OpLeave(parent);
   return true;

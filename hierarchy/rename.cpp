@@ -14,8 +14,12 @@ bool kyStream::Rename(const char* newName) {
   if ((m_dwOpenMode & kModeWrite) == 0 || newName == nullptr || newName[0] == '\0') return false;
   if (m_hdr.IsFree() || (m_pParent == nullptr && m_pStorage == nullptr)) return false;
   const CString oldName = SlotName(m_hdr);
-  t_OpenStream* record =
-      m_pParent != nullptr ? m_pParent->IsStreamOpen(oldName) : m_pStorage->IsStreamOpen(oldName);
+  // Another object of this stream keeps the old name in its header copy and
+  // would write it back to the slot with its next header write.
+  if (OthersHoldIt(oldName)) return false;
+  t_OpenStream* record = !m_bCounted            ? nullptr
+                         : m_pParent != nullptr ? m_pParent->IsStreamOpen(oldName)
+                                                : m_pStorage->IsStreamOpen(oldName);
 
   // A longer name keeps its first 60 characters.
   const t_kyStreamU kept = m_hdr;

@@ -25,7 +25,8 @@ kyStream::kyStream()
       m_pPreloadMap(nullptr),
       m_nChildren(0),
       m_openChildren(10),
-      m_b64BitOffsets(0) {}
+      m_b64BitOffsets(0),
+      m_bCounted(false) {}
 
 kyStream::kyStream(kyStorage* storage, t_kyStreamU& header, void* hFile, tag_kyStreamOffset& offset)
     : kyStream() {

@@ -299,6 +299,8 @@ TEST_P(RegistryTest, ChildReleaseClosesOnTheParentsList) {
   kyTestAccess::Children(parent).AddTail(rec);
   kyStream* a = kyTestAccess::MakeChildStream(parent, h, 1000);
   kyStream* b = kyTestAccess::MakeChildStream(parent, h, 1000);
+  kyTestAccess::MarkCounted(a);
+  kyTestAccess::MarkCounted(b);
   EXPECT_EQ(2, a->Release());
   EXPECT_EQ(1, b->Release());
   EXPECT_EQ(nullptr, parent->IsStreamOpen("child"));

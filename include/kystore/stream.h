@@ -212,6 +212,10 @@ class kyStream {
   BOOL m_b64BitOffsets;
 
  private:
+  // Whether this object holds one open in its owner's registry.  Objects
+  // made by root creation, and opens of an empty name, hold none; their
+  // Release and Remove must not take an open away from another object.
+  bool m_bCounted;
   friend class kyStorage;
   friend class kyTestAccess;
 
@@ -249,6 +253,9 @@ class kyStream {
   bool WriteStreamHeader(__int64 offset, t_kyStreamU& header);
 
   // Registry of open children.
+  // Whether an object other than this one holds an open of `name` (this
+  // stream's name) in the registry of this stream's owner.
+  bool OthersHoldIt(const char* name);
   t_OpenStream* AddNewOpenStream(const char* name, DWORD mode);
   int CloseStream(const char* name);
   kyStream* OpenStreamByOffset(t_kyStreamU& header, tag_kyStreamOffset& offset, const char* name,
@@ -259,8 +266,8 @@ class kyStream {
   __int64 SlotOffsetAtCursor();
   __int64 SlotOffsetJustRead();
   bool IsOpenBelow();
-  // Most slots a walk over this folder's data may read: what its length
-  // (and the file) can hold, plus one for the short read at the end.
+  // Most slots a walk over this folder's data may read: what the file can
+  // hold, plus one for the short read at the end.
   __int64 MaxSlotReads();
   // Reads up to `slots` slots from the folder's cursor on, advancing
   // *pCursor past each, and opens the first used one.  Null at a short

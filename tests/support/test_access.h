@@ -104,6 +104,8 @@ class kyTestAccess {
     return new kyStream(parent, h, INVALID_HANDLE_VALUE, o);
   }
   static void DeleteStream(kyStream* s) { delete s; }
+  // Marks an object made above as holding one open in its owner's registry.
+  static void MarkCounted(kyStream* s) { s->m_bCounted = true; }
 };
 
 #endif  // KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
