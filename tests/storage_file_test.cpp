@@ -58,8 +58,6 @@ TEST_P(StorageFileTest, NewFileIsByteExactAndKeepsItsWidth) {
   EXPECT_EQ(expected, ReadAll(path));
   kyStorage::g_bUse64BitOffsets = !B64();  // read by Create only
   EXPECT_EQ((std::vector<int>{B64(), B64() ? '2' : '1', 32, 6, 64}), Layout(Reopen()));
-  EXPECT_EQ(32 + DBS(), kyTestAccess::LastAppended(storage));
-  EXPECT_STREQ(path.c_str(), storage->GetPath());
   if (!B64()) return;
   for (char mark : {'3', 'A', '\x7f'}) {  // any mark from '2' up means 64-bit offsets
     expected[24] = static_cast<uint8_t>(mark);
@@ -82,15 +80,15 @@ TEST_P(StorageFileTest, NameMapHoldsExactlyTheUsedSlotsOfAChain) {
   memset(&im[Slot(b0, 6) + 4], 'x', 63);  // a name without its terminator
   kyStorage* s = OpenImage(im);
   EXPECT_EQ(5, kyTestAccess::Map(s).GetCount());
-  auto where = [this](const char* name) {
-    const tag_kyStreamOffset o = Locator(name);
-    return std::vector<int64_t>{o.headerOffset, o.blockOffset, o.dwBlockSlots, o.dwDuration};
-  };
-  EXPECT_EQ((std::vector<int64_t>{Slot(b0, 7), b0, 64, 300}), where("Seven"));
-  EXPECT_EQ((std::vector<int64_t>{Slot(b1, 0), b1, 64, 0}), where("second"));
-  EXPECT_EQ((std::vector<int64_t>{Slot(b2, 63), b2, 64, 0}), where("twice"));
-  EXPECT_EQ(Slot(b0, 0), Locator("fast").headerOffset);
-  EXPECT_EQ(Slot(b0, 6), Locator(std::string(60, 'x').c_str()).headerOffset);  // cut at 60
+  const tag_kyStreamOffset seven = Locator("Seven");
+  EXPECT_EQ((std::vector<int64_t>{Slot(b0, 7), b0, 64, 300}),
+            (std::vector<int64_t>{seven.headerOffset, seven.blockOffset, seven.dwBlockSlots,
+                                  seven.dwDuration}));
+  const char* const names[] = {"fast", "second", "twice",
+                               "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"};
+  const int64_t slots[] = {Slot(b0, 0), Slot(b1, 0), Slot(b2, 63), Slot(b0, 6)};
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(slots[i], Locator(names[i]).headerOffset);  // cut at 60
+  EXPECT_EQ(b1, Locator("second").blockOffset);
   tag_kyStreamOffset o;
   for (const char* absent : {"ghost", "seven"})  // case matters
     EXPECT_FALSE(kyTestAccess::FindStreamOffset(s, absent, o)) << absent;
@@ -143,7 +141,6 @@ TEST_P(StorageFileTest, OlderHeaderHasTwoFastSlotsAndTheDirectoryAtTwentySix) {
     EXPECT_EQ((std::vector<int>{0, '_', 26, 2, 64}), Layout(OpenImage(im, load)));
     EXPECT_EQ(Slot(26, 1), Locator("old").headerOffset);
   }
-  EXPECT_EQ(im, ReadAll(path));
   kyStorage* s = Reopen(kRW);
   EXPECT_EQ(Slot(26, 0), HeaderOffset(Hold(Must(s->CreateStreamFast("f0", kRW))).get()));
   EXPECT_EQ(nullptr, s->CreateStreamFast("f2", kRW));  // both fast slots taken
@@ -152,7 +149,6 @@ TEST_P(StorageFileTest, OlderHeaderHasTwoFastSlotsAndTheDirectoryAtTwentySix) {
   EXPECT_STREQ("ord", Hold(Must(s->OpenStreamFirst(kRO)))->GetName());  // first ordinary slot
   s = Reopen(kRO, 2);
   EXPECT_EQ(0, kyTestAccess::Map(s).GetCount());  // no map without the walk
-  EXPECT_EQ(1, kyTestAccess::OpenedFast(s));
   Must(s->OpenStreamFast("old", kRO))->Release();
   EXPECT_EQ(nullptr, s->OpenStreamFast("ord", kRO));  // slot 2 is no fast slot here
 }
