@@ -1,240 +1,226 @@
-// Streams whose blocks are damaged: bad magic, loops, links that leave the
-// file, impossible ends.  Every operation ends with its failure result (or
-// with what it could do before the damage), never with a hang or a crash.
+// Streams whose blocks, links or lengths are damaged, and the rules every
+// walk along a chain applies, reading or writing.  Every operation ends
+// with its failure result (or with what it could do before the damage),
+// never with a hang or a crash; a writer never touches another stream's
+// bytes.
 
+#include <climits>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "support/stream_fixture.h"
 
-using kytest::Bytes;
-using kytest::HeaderOnDisk;
-using kytest::Pattern;
-
 namespace {
 
-// Stream "A" with two blocks of capacity 16: the first full, the second
-// holding 4 bytes.  Stream "C" lies between them.
-class StreamDamage : public kytest::StreamTest {
+using namespace kytest;
+
+class StreamDamage : public StreamTest {
  protected:
   void SetUp() override {
-    auto s = kytest::Hold(CreateStorage(16));
-    auto a = kytest::Hold(NewStream(s, "A"));
-    auto c = kytest::Hold(NewStream(s, "C"));
-    data = Pattern(20, 21);
-    a1 = Size();
-    ASSERT_EQ(a->Write(data.data(), 16), 16);
-    ASSERT_EQ(c->Write("c", 1), 1);
-    a2 = Size();
-    ASSERT_EQ(a->Seek(0, 1), 0);
-    ASSERT_EQ(a->Write(data.data() + 16, 4), 4);
-    ASSERT_EQ(BlockAt(a1).nextBlock, a2);
-    header = HeaderOffset(a);
-    a.reset();
-    c.reset();
-    s.reset();
-    pristine = kytest::ReadAll(path);
+    StreamTest::SetUp();
+    WriteThreeBlocks();
+    pristine = ReadAll(path);
   }
-
-  void Damage(const std::function<void(Bytes&)>& change) {
-    damaged = pristine;
-    change(damaged);
+  // Writes `image` and opens A in it (writable, or read-only in memory).
+  kyStream* Open(const Bytes& image, int inMemory) {
+    held.reset();
+    WriteAll(path, image);
+    return OpenA(inMemory ? kRO : kRW, inMemory);
   }
-  void SetBlock(Bytes& image, int64_t block, int field, int64_t value) const {
-    PutBlockField(image, block, field, value);
-  }  // Puts the damaged image back (an earlier pass may have repaired it) and
-  // opens the storage (writable, or read-only in memory) and A in it.
-  bool OpenA(bool inMemory) {
-    kytest::WriteAll(path, damaged);
-    storage =
-        inMemory ? OpenStorage(kModeReadShared, 16, 1) : OpenStorage(kModeReadWriteShared, 16);
-    if (storage == nullptr) return false;
-    a = storage->OpenStream("A", kModeReadWriteShared);
-    return a != nullptr;
+  // The file's first `n` bytes with A's own blocks and header slot blanked:
+  // what no operation on A may change.
+  Bytes OthersOf(Bytes image, size_t n) const {
+    image.resize(n);
+    const int64_t spans[][2] = {{blocks[0], 100}, {blocks[1], 120}, {blocks[2], 100}};
+    for (const auto& span : spans) std::fill_n(image.begin() + span[0], H() + span[1], 0);
+    std::fill_n(image.begin() + headerA, W(), 0);
+    return image;
   }
-  void TearDown() override {
-    if (a) a->Release();
-    if (storage) storage->Release();
-    a = nullptr;
-    storage = nullptr;
-  }
-  // Runs `body` on A opened from the file and from memory.
-  void ForBoth(const std::function<void(bool)>& body) {
-    for (int mem = 0; mem < 2; ++mem) {
-      SCOPED_TRACE(mem ? "in memory" : "in the file");
-      ASSERT_TRUE(OpenA(mem));
-      body(mem);
-      TearDown();
-    }
-  }
-  int64_t ReadFails(long long n = 100) {
-    Bytes buf(static_cast<size_t>(n));
-    return a->Read(buf.data(), n);
-  }
-  void ExpectWriteRefused() {
-    EXPECT_EQ(a->Write("xyz", 3), -1);
-    EXPECT_EQ(kytest::ReadAll(path), damaged);
-  }
-
   // Everything a reader can do; none of it may hang or crash.
-  void ExerciseReads() {
+  static void ExerciseReads(kyStream* a) {
     Bytes buf(4096);
+    long long len = 0;
+    BYTE* copy = nullptr;
     a->Read(buf.data(), 4096);
-    a->Seek(0, 0);
-    a->Read(buf.data(), 7);
-    a->Seek(3, 2, false);
+    for (int origin : {0, 1, 2}) a->Seek(3, static_cast<unsigned char>(origin), false);
     a->Seek(100000, 0);
-    a->Seek(0, 1);
-    a->Seek(2, 1);
     a->Seek2(-3, 0);
     a->Read(buf.data(), 100);
-    BYTE* copy = nullptr;
-    a->Seek(0, 0);
     a->CopyStreamToBuffer(copy, TRUE);
     a->FreeBuffer(copy);
-    long long len = 0;
     a->GetVerifiedDataLength(len);
   }
 
-  Bytes data, pristine, damaged;
-  int64_t a1 = 0, a2 = 0, header = 0;
-  kyStorage* storage = nullptr;
-  kyStream* a = nullptr;
+  Bytes pristine;
 };
 
-INSTANTIATE_TEST_SUITE_P(Widths, StreamDamage, ::testing::Bool(), kytest::WidthName);
-
-TEST_P(StreamDamage, BadMagicInTheFirstBlock) {
-  Damage([&](Bytes& im) { kytest::Put32(im, static_cast<size_t>(a1), 0xFAFAFAFB); });
-  ForBoth([&](bool mem) {
-    EXPECT_EQ(ReadFails(), -1);
-    EXPECT_EQ(a->Seek(0, 0), -1);
-    EXPECT_EQ(a->Seek(5, 0), -1);
-    BYTE* copy = reinterpret_cast<BYTE*>(1);
-    EXPECT_EQ(a->CopyStreamToBuffer(copy, FALSE), 0u);
-    EXPECT_EQ(copy, nullptr);
-    if (!mem) ExpectWriteRefused();  // nothing to come back to
-  });
-}
-
-// Reads stop at the unreadable block; a write that meets it cuts the link
-// and carries on in a fresh block.
-TEST_P(StreamDamage, BadMagicInTheSecondBlock) {
-  Damage([&](Bytes& im) { kytest::Put32(im, static_cast<size_t>(a2), 0); });
-  ASSERT_TRUE(OpenA(false));
-  Bytes buf(100);
-  EXPECT_EQ(a->Read(buf.data(), 100), -1);
-  EXPECT_EQ(kytest::Slice(buf, 0, 16), kytest::Slice(data, 0, 16));
-  ASSERT_EQ(a->Seek(16, 0), 0);
-  const kytest::Cursor at16 = kytest::CursorOf(a);
-  EXPECT_EQ(a->Seek(17, 0), -1);
-  EXPECT_EQ(a->Seek(1, 2, true), -1);
-  EXPECT_EQ(kytest::CursorOf(a), at16);
-  const int64_t end = Size();
-  const Bytes more = Pattern(10, 77);
-  ASSERT_EQ(a->Write(more.data(), 10), 10);
-  EXPECT_EQ(Size(), end + H() + 16);
-  EXPECT_EQ(BlockAt(a1), Block(H() + 16, H() + 16, 0, end));
-  EXPECT_EQ(BlockAt(end), Block(H() + 10, H() + 16, a1, 0));
-  EXPECT_EQ(HeaderAt(header), (HeaderOnDisk{0, 26, end, a1}));
-  EXPECT_EQ(Contents(a, 26), kytest::Concat(kytest::Slice(data, 0, 16), more));
-}
-
-TEST_P(StreamDamage, LinkPastTheEndOfTheFile) {
-  Damage([&](Bytes& im) { SetBlock(im, a1, 4, static_cast<int64_t>(im.size()) + 1000); });
-  ForBoth([&](bool mem) {
-    EXPECT_EQ(ReadFails(), -1);
-    EXPECT_EQ(a->Seek(17, 0), -1);
-    ASSERT_EQ(a->Seek(16, 0), 0);
-    EXPECT_EQ(a->Write("xyz", 3), mem ? 0 : 3);
-    if (!mem) {
-      EXPECT_EQ(BlockAt(a1).nextBlock, static_cast<int64_t>(damaged.size()));
-      EXPECT_EQ(Contents(a, 19),
-                kytest::Concat(kytest::Slice(data, 0, 16), Bytes({'x', 'y', 'z'})));
-    }
-  });
-}
-
-// Ends below the header, a loop of empty blocks, an empty block linked to
-// itself: every walk ends.  A write changes nothing in a block it cannot
-// take, and cuts the link back of a loop.
-TEST_P(StreamDamage, EmptyLoopsAndEndsBelowTheHeader) {
-  const std::vector<std::function<void(Bytes&)>> damages = {
-      [&](Bytes& im) { SetBlock(im, a1, 1, H() - 1); },
-      [&](Bytes& im) { SetBlock(im, a1, 2, H() - 1); },
-      [&](Bytes& im) {
-        for (int64_t b : {a1, a2}) {
-          SetBlock(im, b, 1, H());
-          SetBlock(im, b, 2, H());
-        }
-        SetBlock(im, a2, 4, a1);
-      },
-      [&](Bytes& im) {
-        SetBlock(im, a1, 1, H());
-        SetBlock(im, a1, 4, a1);
-      },
+// Readers fail at a refused block or link.  A writer fails before writing a
+// byte when the block it starts in is refused, and cuts a refused link and
+// appends a fresh block in its place; either way, the bytes of every other
+// stream and folder stay as they were.
+TEST_P(StreamDamage, RefusedBlocksAndLinksNeverReachOtherStreams) {
+  const int64_t end = static_cast<int64_t>(pristine.size()), a1 = blocks[0], a3 = blocks[2];
+  typedef std::vector<std::tuple<int64_t, BlockField, int64_t>> Changes;
+  const struct {
+    const char* what;
+    Changes changes;
+    bool writeRefused;
+  } cases[] = {
+      {"bad magic", {{a1, kMagic, 0xFAFAFAFB}}, true},
+      {"room past the end of the file", {{a1, kAllocEnd, end + 1000}}, true},
+      {"data beyond the room", {{a1, kAllocEnd, H() + 8}}, true},
+      {"data ending inside the header", {{a1, kUsedEnd, H() - 1}}, true},
+      {"room ending inside the header", {{a1, kAllocEnd, H() - 1}}, true},
+      {"impossibly large data end", {{a1, kUsedEnd, B64() ? INT64_MAX : 0xFFFFFFFFLL}}, true},
+      {"bad magic in the next block", {{blocks[1], kMagic, 0}}, false},
+      {"block linked to itself", {{a3, kNextBlock, a3}}, false},
+      {"link back to its own chain", {{a3, kNextBlock, a1}}, false},
+      {"link back into another stream", {{a3, kNextBlock, b1}}, false},
+      {"link back into a folder", {{a3, kNextBlock, f1}}, false},
+      {"link into its own room", {{a1, kNextBlock, a1 + H() + 4}}, false},
+      {"link past the end of the file", {{a1, kNextBlock, end + 100}}, false},
+      {"link to the last bytes of the file", {{a1, kNextBlock, end - 4}}, false},
+      {"negative link", {{a1, kNextBlock, -40}}, false},
+      {"empty block linked to itself", {{a1, kUsedEnd, H()}, {a1, kNextBlock, a1}}, false},
+      {"empty blocks in a loop",
+       {{a1, kUsedEnd, H()}, {blocks[1], kUsedEnd, H()}, {a3, kUsedEnd, H()}, {a3, kNextBlock, a1}},
+       false},
   };
-  for (size_t i = 0; i < damages.size(); ++i) {
-    SCOPED_TRACE(i);
-    Damage(damages[i]);
-    ForBoth([&](bool mem) {
-      EXPECT_EQ(ReadFails(10), -1);
-      EXPECT_EQ(a->Seek(1, 0), -1);
-      EXPECT_EQ(a->Seek(3, 0), -1);
-      if (i == 2) {
-        EXPECT_EQ(a->Seek(0, 1), 0);  // the recorded last block, no walk
-        EXPECT_EQ(a->Seek(1, 1), -1);
-      }
-      if (!mem && i < 2) ExpectWriteRefused();
-      if (!mem && i == 2) {
-        EXPECT_EQ(a->Write("xyz", 3), 3);
-        EXPECT_EQ(BlockAt(a2).nextBlock, static_cast<int64_t>(damaged.size()));
-      }
-    });
+  const Bytes put = Pattern(400, 9);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Bytes damaged = pristine;
+    for (const auto& ch : c.changes)
+      PutBlockField(damaged, std::get<0>(ch), std::get<1>(ch), std::get<2>(ch));
+    for (int mem = 0; mem < 2; ++mem) {
+      kyStream* a = Must(Open(damaged, mem));
+      Bytes buf(300);
+      EXPECT_EQ(-1, a->Read(buf.data(), 300));
+      const Cursor before = CursorOf(a);
+      EXPECT_EQ(-1, a->Seek(300, 0));
+      EXPECT_EQ(before, CursorOf(a));
+      ExerciseReads(a);
+    }
+    // What `kystore put` does: write the whole stream from its start.
+    kyStream* a = Must(Open(damaged, false));
+    const int64_t written = a->Write(put.data(), 400, true);
+    const Bytes after = ReadAll(path);
+    EXPECT_EQ(OthersOf(damaged, damaged.size()), OthersOf(after, damaged.size()));
+    EXPECT_EQ(c.writeRefused ? -1 : 400, written);
+    EXPECT_TRUE(!c.writeRefused || after == damaged);  // a refused write changes nothing
+    EXPECT_EQ(c.writeRefused ? Bytes() : put, Contents(a, 400));
   }
 }
 
-// A loop through blocks that hold data: long walks stop at the link back,
-// and a write cuts it and goes on in a fresh block.
-TEST_P(StreamDamage, LoopWithDataEndsLongWalks) {
-  Damage([&](Bytes& im) { SetBlock(im, a2, 4, a1); });
-  ASSERT_TRUE(OpenA(false));
-  const int64_t size = Size();
-  EXPECT_EQ(a->Seek(1 << 20, 0), -1);
-  Bytes buf(1 << 20);
-  EXPECT_EQ(a->Read(buf.data(), 1 << 20), -1);
-  ASSERT_EQ(a->Seek(0, 0), 0);
-  EXPECT_EQ(a->Write(buf.data(), 1 << 20), 1 << 20);
-  EXPECT_EQ(BlockAt(a2).nextBlock, size);
+// Reads stop at an unreadable block; a write that meets it cuts the link and
+// carries on in a fresh block at the end of the file.
+TEST_P(StreamDamage, UnreadableNextBlockIsCutOff) {
+  Bytes damaged = pristine;
+  PutBlockField(damaged, blocks[1], kMagic, 0);
+  kyStream* a = Must(Open(damaged, false));
+  Bytes buf(300);
+  EXPECT_EQ(-1, a->Read(buf.data(), 300));
+  EXPECT_EQ(Slice(data, 0, 100), Slice(buf, 0, 100));
+  ASSERT_EQ(0, a->Seek(100, 0));
+  const Cursor at100 = CursorOf(a);
+  EXPECT_EQ(-1, a->Seek(101, 0));
+  EXPECT_EQ(-1, a->Seek(1, 2, true));
+  EXPECT_EQ(at100, CursorOf(a));
+  const int64_t end = Size();
+  ASSERT_EQ(10, a->Write(data.data() + 100, 10, true));
+  EXPECT_EQ(end + H() + 100, Size());
+  EXPECT_EQ(Block(H() + 100, H() + 100, 0, end), BlockAt(blocks[0]));
+  EXPECT_EQ(Block(H() + 10, H() + 100, blocks[0], 0), BlockAt(end));
+  EXPECT_EQ(HeaderOnDisk(0, 110, end, blocks[0]), HeaderAt(headerA));
+  EXPECT_EQ(Slice(data, 0, 110), Contents(a, 110));
 }
 
-TEST_P(StreamDamage, ImpossiblyLargeUsedEnd) {
-  Damage([&](Bytes& im) { SetBlock(im, a1, 1, B64() ? INT64_MAX : 0xFFFFFFFFLL); });
-  ForBoth([&](bool) {
-    EXPECT_EQ(ReadFails(1 << 16), -1);
-    ExerciseReads();
-  });
+// A recorded length is used only when it lies between 0 and the file's size.
+// A damaged one fails the seek from the end (the cursor stays), the copy,
+// the check of the size prefix and every call that would write; reads, which
+// go by the blocks, still work.  Erase makes the stream usable again.
+TEST_P(StreamDamage, DamagedLengthsAreNeverComputedWith) {
+  const int64_t end = static_cast<int64_t>(pristine.size());
+  const std::vector<int64_t> lengths =
+      B64() ? std::vector<int64_t>{static_cast<int64_t>(0x80000000000000EFULL), INT64_MAX,
+                                   INT64_MIN, -1, end + 1}
+            : std::vector<int64_t>{0x800000EF, 0xFFFFFFFF, 0x80000000, end + 1};
+  for (int64_t length : lengths) {
+    SCOPED_TRACE(length);
+    Bytes damaged = pristine;
+    PutOff(damaged, headerA + 68, length);
+    damaged[headerA + 67] = kSizePrefixFlag;
+    for (int mem = 0; mem < 2; ++mem) {
+      kyStream* a = Must(Open(damaged, mem));
+      const Cursor start = CursorOf(a);
+      EXPECT_EQ(-1, a->Seek(0, 1));
+      EXPECT_EQ(-1, a->Seek2(-3, 0));
+      BYTE* copy = reinterpret_cast<BYTE*>(1);
+      EXPECT_EQ(0u, a->CopyStreamToBuffer(copy, TRUE));
+      EXPECT_EQ(nullptr, copy);
+      long long len = 7;
+      EXPECT_FALSE(a->GetVerifiedDataLength(len));
+      EXPECT_EQ(0, len);
+      EXPECT_EQ(start, CursorOf(a));
+      EXPECT_EQ(mem ? 0 : -1, a->Write("abc", 3));
+      EXPECT_FALSE(a->PrependSize(3));
+      EXPECT_FALSE(a->SetLength(0));
+      EXPECT_EQ(damaged, ReadAll(path));
+      EXPECT_EQ(data, Contents(a, 250));
+      EXPECT_EQ(!mem, a->Erase());
+      EXPECT_EQ(mem ? 0 : 3, a->Write("abc", 3));
+    }
+  }
+}
+
+// Another storage object over the same file grows it: this object finds the
+// new blocks (its idea of the file's size is refreshed when a check fails),
+// and the block it last appended no longer grows in place once another
+// object has linked a block behind it.
+TEST_P(StreamDamage, AnotherObjectGrowsTheFile) {
+  Reopen(kRW);
+  kyStream* n = Keep(New("N"));
+  const int64_t n1 = Size();
+  ASSERT_EQ(100, n->Write(data.data(), 100));
+  {
+    auto second = Hold(kyStorage::Open(path.c_str(), kRW, 100, 0));
+    ASSERT_EQ(1, Hold(Must(second->CreateStream("D", kRW)))->Write("d", 1));
+    auto n2 = Hold(Must(second->OpenStream("N", kRW)));
+    ASSERT_EQ(0, n2->Seek(0, 1));
+    ASSERT_EQ(20, n2->Write(data.data() + 100, 20));
+  }
+  const int64_t d1 = n1 + H() + 100;
+  const Bytes dBlock = Range(d1, H() + 100);
+  EXPECT_EQ(Slice(data, 0, 120), Contents(n, 120));
+  ASSERT_EQ(0, n->Seek(100, 0));
+  ASSERT_EQ(30, n->Write(data.data() + 100, 30));
+  EXPECT_EQ(dBlock, Range(d1, H() + 100));
+  EXPECT_EQ(Slice(data, 0, 130), Contents(n, 130));
 }
 
 // Every byte of the first block's header and of the stream header's links,
 // set to a few telling values: reading, seeking and writing survive each.
 TEST_P(StreamDamage, EveryHeaderByteDamaged) {
   std::vector<int64_t> spots;
-  for (int64_t i = 0; i < H(); ++i) spots.push_back(a1 + i);
-  for (int64_t i = 68; i < (B64() ? 92 : 80); ++i) spots.push_back(header + i);
+  for (int64_t i = 0; i < H(); ++i) spots.push_back(blocks[0] + i);
+  for (int64_t i = 68; i < W(); ++i) spots.push_back(headerA + i);
   for (int64_t spot : spots) {
-    for (int value : {0x00, 0x7F, 0xFF}) {
-      Damage([&](Bytes& im) { im[static_cast<size_t>(spot)] = static_cast<uint8_t>(value); });
+    for (uint8_t value : {0x00, 0x7F, 0xFF}) {
+      Bytes damaged = pristine;
+      damaged[spot] = value;
       for (int mem = 0; mem < 2; ++mem) {
-        if (OpenA(mem)) {
-          ExerciseReads();
-          a->Seek(0, 1);
-          a->Write(data.data(), 20);
-          ExerciseReads();
-        }
-        TearDown();
+        kyStream* a = Open(damaged, mem);
+        if (a == nullptr) continue;
+        ExerciseReads(a);
+        a->Seek(0, 1);
+        a->Write(data.data(), 20);
+        ExerciseReads(a);
       }
     }
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Widths, StreamDamage, ::testing::Bool(), WidthName);
 
 }  // namespace
