@@ -29,7 +29,7 @@ class FolderTest : public ::testing::TestWithParam<bool> {
   int64_t W() const { return B64() ? 92 : 80; }
   int64_t H() const { return B64() ? 40 : 20; }
 
-  // A new storage at `path`, replacing the one the test holds.
+  // A new storage, or the file opened again, in place of the one held.
   kyStorage* Create(DWORD blockSize = 256) {
     Close();
     kyStorage::g_bUse64BitOffsets = B64() ? 1 : 0;  // restored by `globals`
@@ -56,6 +56,19 @@ class FolderTest : public ::testing::TestWithParam<bool> {
   static Held<kyStream> OpenIn(const P& folder, const char* name, DWORD mode = RO) {
     return Hold(folder->OpenStream(name, mode));
   }
+  kyStream* Root(const char* name, DWORD dwType = 1) {
+    kyStream* s = storage->CreateStream(name, dwType, RW);
+    EXPECT_NE(nullptr, s) << name;
+    return s;
+  }
+  // Creates a child, writes `data` into it and releases it.
+  template <class P>
+  static void Child(const P& folder, const char* name, DWORD dwType = 0, std::string data = "") {
+    kyStream* c = folder->CreateStream(name, dwType, RW, 1);
+    ASSERT_NE(nullptr, c) << name;
+    EXPECT_EQ(int64_t(data.size()), data.empty() ? 0 : c->Write(&data[0], data.size(), true));
+    c->Release();
+  }
   // The names of a folder's children, in slot order.
   template <class P>
   static Names ChildNames(const P& folder) {
@@ -71,22 +84,6 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     tag_kyStreamOffset o;
     return folder->FindStream(name, h, o);
   }
-  kyStream* Root(const char* name, DWORD dwType = 1) {
-    kyStream* s = storage->CreateStream(name, dwType, RW);
-    EXPECT_NE(nullptr, s) << name;
-    return s;
-  }
-  // Creates a child, writes `data` into it and releases it.
-  template <class P>
-  static void Child(const P& folder, const char* name, DWORD dwType = 0,
-                    const std::string& data = "") {
-    kyStream* c = folder->CreateStream(name, dwType, RW, 1);
-    ASSERT_NE(nullptr, c) << name;
-    if (!data.empty()) {
-      EXPECT_EQ(int64_t(data.size()), c->Write(data.data(), data.size(), true));
-    }
-    c->Release();
-  }
   // A stream's whole data, read from its start ("!" without a stream, "?"
   // when the read fails).
   template <class P>
@@ -100,7 +97,7 @@ class FolderTest : public ::testing::TestWithParam<bool> {
   }
   template <class P>
   static std::string Text(const P& s) {
-    Bytes b = DataOf(s);
+    const Bytes b = DataOf(s);
     return std::string(b.begin(), b.end());
   }
   // The W bytes of a child slot.
@@ -116,36 +113,21 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     PutField(b, B64() ? 84 : 76, first);
     return b;
   }
-  // Slot `i` of a folder's data.
-  Bytes SlotIn(const Bytes& data, size_t i) const {
-    const size_t at = 4 + i * static_cast<size_t>(W());
-    if (data.size() < at + static_cast<size_t>(W())) return Bytes();
-    return Bytes(data.begin() + at, data.begin() + at + W());
-  }
   // Writes an offset or length of the storage's width into `b`.
   void PutField(Bytes& b, int64_t at, int64_t v) const {
     if (B64())
-      Put64(b, static_cast<size_t>(at), v);
+      Put64(b, size_t(at), v);
     else
-      Put32(b, static_cast<size_t>(at), static_cast<uint32_t>(v));
+      Put32(b, size_t(at), uint32_t(v));
   }
-  // Writes into the file: a DWORD, or a field of the storage's width.
+  // Writes into the file a field of the storage's width, or a DWORD.
   void Patch(int64_t at, int64_t v, bool widthField = true) {
     Bytes image = ReadAll(path);
-    if (widthField)
-      PutField(image, at, v);
-    else
-      Put32(image, static_cast<size_t>(at), static_cast<uint32_t>(v));
+    widthField ? PutField(image, at, v) : Put32(image, size_t(at), uint32_t(v));
     WriteAll(path, image);
   }
-  template <class P>
-  int64_t FirstBlock(const P& s) const {
-    return kyTestAccess::Header(&*s).FirstBlock(B64());
-  }
-  template <class P>
-  static int64_t HeaderOffset(const P& s) {
-    return kyTestAccess::Offset(&*s).headerOffset;
-  }
+  int64_t FirstBlock(kyStream* s) const { return kyTestAccess::Header(s).FirstBlock(B64()); }
+  static int64_t HeaderOffset(kyStream* s) { return kyTestAccess::Offset(s).headerOffset; }
 
   GlobalsGuard globals;
   TempDir dir;
