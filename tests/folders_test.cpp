@@ -1,7 +1,7 @@
-// Folders and their child slots: the bytes of a folder's data after
-// creations, reuse of free slots, what creation refuses; finding, opening
-// and walking children, and moving a root stream object along the root
-// directory.
+// Folders and their child slots: the bytes of a folder's data, reuse of
+// free slots, what creation refuses, finding, opening and walking children
+// (also through a preloaded map), moving a root stream object along the
+// root directory, and folders whose data were damaged on disk.
 
 #include <string>
 
@@ -9,288 +9,371 @@
 
 namespace {
 
-using kytest::Bytes;
-using kytest::FolderTest;
-using kytest::Hold;
-typedef std::vector<std::string> Names;
+using namespace kytest;
 
-TEST_P(FolderTest, FolderDataHoldsCountAndSlotsAcrossReopen) {
+class Folders : public FolderTest {
+ protected:
+  // The names a walk over the preloaded map hands out, opening each child
+  // (released again) or not.
+  static Names MapWalk(kyStream* folder, bool open) {
+    Names out;
+    void* cursor = nullptr;
+    t_kyStreamWithOffset v;
+    CString name;
+    for (kyStream* c = open ? folder->OpenPreloadChildrenFirst(&cursor, RO) : nullptr; c != nullptr;
+         c = folder->OpenPreloadChildrenNext(&cursor, RO))
+      out.push_back(Hold(c)->GetName());
+    for (int more = open ? 0 : folder->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name); more;
+         more = folder->GetPreloadChildrenOffsetNext(&cursor, 0, v, name))
+      out.push_back(name.GetString());
+    return out;
+  }
+  // Top with children a, b, c, data written between the creations, so that
+  // every slot after the first lands in a block of its own; then closed.
+  // Returns the slots; `topBlock` is Top's first block.
+  std::vector<int64_t> BuildTop() {
+    std::vector<int64_t> slots;
+    auto top = Hold(Root("Top"));
+    for (const char* n : {"a", "b", "c"}) {
+      Child(top, n, 0, n);
+      slots.push_back(HeaderOffset(OpenIn(top, n).get()));
+    }
+    topBlock = FirstBlock(top.get());
+    top.reset();
+    Close();
+    return slots;
+  }
+  int64_t topBlock = 0;
+};
+
+// The child count, then one slot per child with the duration from the
+// type's high word; the locator counts seconds.  The same after a reopen.
+TEST_P(Folders, FolderDataHoldsCountAndSlotsAcrossReopen) {
   {
     auto top = Hold(Root("Top"));
-    EXPECT_EQ(0u, top->GetNumChildren());  // not read yet
     Child(top, "a");
     Child(top, "sub", 0x00050001);  // folder, 5 minutes
     EXPECT_EQ(2u, top->GetNumChildren());
-    auto other = Hold(Root("Other"));
     t_kyStreamU h;
     tag_kyStreamOffset o = {};
-    ASSERT_TRUE(other->AddStreamHeader("f", 0x00050001, h, o, 1));
-    EXPECT_EQ(300u, o.dwDuration);  // the locator counts seconds
-    EXPECT_EQ(5, h.Duration());
+    ASSERT_TRUE(Hold(Root("Other"))->AddStreamHeader("f", 0x00050001, h, o, 1));
+    EXPECT_EQ(300u, o.dwDuration);
   }
-  for (int pass = 0; pass < 2; ++pass) {
-    SCOPED_TRACE(pass);
+  for (int pass = 0; pass < 2; ++pass, Reopen()) {
     auto t = Open("Top");
     auto sub = OpenIn(t, "sub");
     ASSERT_NE(nullptr, sub);
     EXPECT_EQ(Bytes(4, 0), DataOf(sub));  // a new folder holds the count 0
-    const int64_t subBlock = FirstBlock(sub);
-    EXPECT_EQ(5, sub->GetDuration());
-    Bytes expected = Bytes{2, 0, 0, 0};
-    for (const Bytes& slot : {Slot("a", 0, 0, 0, 0, 0), Slot("sub", 5, 1, 4, subBlock, subBlock)})
-      expected.insert(expected.end(), slot.begin(), slot.end());
-    EXPECT_EQ(expected, DataOf(t));
-    sub.reset();
-    t.reset();
-    ASSERT_NE(nullptr, Reopen());
+    const int64_t b = FirstBlock(sub.get());
+    EXPECT_EQ(Concat({2, 0, 0, 0}, Concat(Slot("a", 0, 0, 0, 0, 0), Slot("sub", 5, 1, 4, b, b))),
+              DataOf(t));
   }
 }
 
 // A data stream in a freed slot takes the old chain; a folder starts a
-// chain of its own, so that its slots are not mixed with the old bytes.
-TEST_P(FolderTest, FreedSlotsAreReused) {
+// chain of its own, so that no old bytes follow its slots.
+TEST_P(Folders, FreedSlotsAreReused) {
   auto top = Hold(Root("Top"));
   Child(top, "A", 0, std::string(200, 'x'));
   Child(top, "B", 0, "bbbbbbbb");
   Child(top, "Z", 0, "z");
-  kyStream* a = top->OpenStream("A", kModeReadWriteShared);
-  ASSERT_EQ(0, a->Seek(0, 1));  // A's chain: two blocks, the first with room left
+  kyStream* a = top->OpenStream("A", RW);
+  ASSERT_EQ(0, a->Seek(0, 1));  // A's chain: two blocks
   ASSERT_EQ(100, a->Write(std::string(100, 'y').data(), 100));
-  const int64_t oldChain = FirstBlock(a);
-  kyStream* b = top->OpenStream("B", kModeReadWriteShared);
-  const int64_t bSlot = HeaderOffset(b);
+  kyStream* b = top->OpenStream("B", RW);
   const t_kyStreamU bHeader = kyTestAccess::Header(b);
   ASSERT_TRUE(b->Remove());
-  auto d = Hold(top->CreateStream("D", 0, kModeReadWriteShared, 1));
+  Child(top, "D");
   ASSERT_TRUE(a->Remove());
-  auto f = Hold(top->CreateStream("F", 1, kModeReadWriteShared, 1));
-  ASSERT_NE(nullptr, d);
-  ASSERT_NE(nullptr, f);
-  EXPECT_EQ(bSlot, HeaderOffset(d));
-  EXPECT_NE(oldChain, FirstBlock(f));
-  EXPECT_EQ(3u, top->GetNumChildren());
-  Child(f, "x", 0, "1");
-  Child(f, "y", 0, "2");
-  d.reset();
-  f.reset();
+  Child(top, "F", 1);
+  Child(OpenIn(top, "F", RW), "x", 0, "1");
+  Child(OpenIn(top, "F", RW), "y", 0, "2");
   top.reset();
-
   ASSERT_NE(nullptr, Reopen());
   top = Open("Top");
   const Bytes data = DataOf(top);
-  EXPECT_EQ(3u, kytest::Get32(data, 0));
+  EXPECT_EQ(3u, Get32(data, 0));
   EXPECT_EQ(Slot("D", 0, 0, 0, bHeader.LastBlock(B64()), bHeader.FirstBlock(B64())),
-            SlotIn(data, 1));
-  f = OpenIn(top, "F");
-  // Nothing of the old chain follows the last slot.
-  EXPECT_EQ(4 + 2 * W(), f->GetLength());
+            Bytes(data.begin() + 4 + W(), data.begin() + 4 + 2 * W()));
+  auto f = OpenIn(top, "F");
   Bytes all(4096, 0);
-  ASSERT_EQ(0, f->Seek(0, 0, true));
   EXPECT_EQ(4 + 2 * W(), f->Read(all.data(), 4096));
   EXPECT_EQ((Names{"x", "y"}), ChildNames(f));
 }
 
-TEST_P(FolderTest, PreloadedFolderAppendsWithoutScanning) {
-  {
-    auto top = Hold(Root("Top"));
-    Child(top, "A");
-    Child(top, "B");
-    ASSERT_TRUE(top->OpenStream("B", kModeReadWriteShared)->Remove());
-    top->PreloadChildren();
-    auto d = Hold(top->CreateStream("D", 0, kModeReadWriteShared, 0));
-    ASSERT_NE(nullptr, d);
-    EXPECT_EQ(3u, top->GetNumChildren());
-    EXPECT_EQ(FirstBlock(top) + H() + 4 + 2 * W(), HeaderOffset(d));  // slot 2, not B's
-    EXPECT_TRUE(Finds(top, "D"));
-  }
-  ASSERT_NE(nullptr, Reopen());
-  const Bytes data = DataOf(Open("Top"));
-  EXPECT_EQ(3u, kytest::Get32(data, 0));
-  EXPECT_EQ('D', SlotIn(data, 2)[4]);
-}
-
-TEST_P(FolderTest, OpenOrCreateDoesNotDuplicateAHeldChild) {
-  auto top = Hold(Root("Top"));
-  Child(top, "A");
-  top->PreloadChildren();
-  auto held = OpenIn(top, "A", 0x36);  // exclusive
-  ASSERT_NE(nullptr, held);
-  EXPECT_EQ(nullptr, top->OpenOrCreateStream("A", 0, kModeReadWriteShared));
-  EXPECT_EQ(nullptr, top->OpenOrCreateStream("A", 0));
-  held.reset();
-  EXPECT_NE(nullptr, Hold(top->OpenOrCreateStream("A", 0, kModeReadWriteShared)));
-  EXPECT_TRUE(Hold(top->OpenOrCreateStream("New", 1))->IsFolder());
-  EXPECT_EQ(2u, top->GetNumChildren());
-}
-
-TEST_P(FolderTest, CreationRefusesBadNamesAndNonFolders) {
+// Refused, changing nothing: names empty, null, too long or taken, a child
+// held exclusively, and any stream whose flag byte is not exactly 1.
+TEST_P(Folders, CreationRefusesBadNamesHeldChildrenAndNonFolders) {
   auto top = Hold(Root("Top"));
   const std::string sixty(60, 'n'), longer(61, 'n');
   Child(top, sixty.c_str());
-  const Bytes before = kytest::ReadAll(path);
-  for (const char* bad :
-       {longer.c_str(), "", static_cast<const char*>(nullptr), sixty.c_str() /* exists */}) {
-    EXPECT_EQ(nullptr, top->CreateStream(bad, 0, 0x16, 1));
-  }
-  t_kyStreamU h;
-  tag_kyStreamOffset o;
-  EXPECT_FALSE(top->AddStreamHeader("", 0, h, o, 1));
-  EXPECT_EQ(before, kytest::ReadAll(path));
+  const Bytes before = ReadAll(path);
+  for (const char* bad : {longer.c_str(), "", static_cast<const char*>(nullptr), sixty.c_str()})
+    EXPECT_EQ(nullptr, top->CreateStream(bad, 0, RW, 1));
+  top->PreloadChildren();
+  auto held = OpenIn(top, sixty.c_str(), 0x36);
+  EXPECT_EQ(nullptr, top->OpenOrCreateStream(sixty.c_str(), 0, RW));
+  EXPECT_EQ(nullptr, top->OpenOrCreateStream(sixty.c_str(), 0));
+  EXPECT_EQ(before, ReadAll(path));
+  held.reset();
+  EXPECT_NE(nullptr, Hold(top->OpenOrCreateStream(sixty.c_str(), 0, RW)));
+  EXPECT_TRUE(Hold(top->OpenOrCreateStream("New", 1))->IsFolder());
   auto data = Hold(Root("Data", 0x100));  // bits 8 to 15 make no folder
-  EXPECT_FALSE(data->IsFolder());
-  EXPECT_EQ(nullptr, data->CreateStream("x", 0, 0x16, 1));
+  EXPECT_EQ(nullptr, data->CreateStream("x", 0, RW, 1));
   kyTestAccess::Header(top.get()).Flags() = 3;  // folder bit with the size-prefix mark
-  EXPECT_EQ(nullptr, top->CreateStream("x", 0, 0x16, 1));
+  EXPECT_EQ(nullptr, top->CreateStream("x", 0, RW, 1));
 }
 
-TEST_P(FolderTest, LookupsMatchNamesExactlyAndEmptyNameFindsAFreeSlot) {
+// Lookups compare whole names, case and all; the empty name finds a free
+// slot but opens nothing; walks skip free slots, leave the cursor past the
+// slot they handed out, and end at a child they may not open.
+TEST_P(Folders, LookupsMatchExactlyAndWalksSkipFreeSlots) {
   {
     auto top = Hold(Root("Top"));
-    Child(top, "abc");
-    Child(top, "Abcd");
-    EXPECT_FALSE(Finds(top, "Abc"));
-    EXPECT_EQ(nullptr, top->OpenStream("Abc", kModeReadShared));
-    Child(top, "b");
-    Child(top, "Abc");
-    ASSERT_TRUE(top->OpenStream("b", kModeReadWriteShared)->Remove());
+    for (const char* n : {"abc", "Abcd", "b"}) Child(top, n);
+    Child(top, "Abc", 1);
+    Child(top, "X");
+    ASSERT_TRUE(top->OpenStream("b", RW)->Remove());
   }
   ASSERT_NE(nullptr, Reopen());
   auto top = Open("Top");
   t_kyStreamU h;
   tag_kyStreamOffset o;
+  const int64_t slot0 = FirstBlock(top.get()) + H() + 4;
   ASSERT_TRUE(top->FindStream("Abc", h, o));
-  const int64_t slot0 = FirstBlock(top) + H() + 4;
   EXPECT_EQ(slot0 + 3 * W(), o.headerOffset);
-  EXPECT_STREQ("abc", OpenIn(top, "abc")->GetName());
   ASSERT_TRUE(top->FindStream("", h, o));
-  EXPECT_EQ(kStreamHeaderMagic, h.Magic());
-  EXPECT_TRUE(h.IsFree());
-  EXPECT_EQ(slot0 + 2 * W(), o.headerOffset);
-  EXPECT_EQ(nullptr, top->OpenStream("", kModeReadWriteShared));
-}
-
-TEST_P(FolderTest, FirstAndNextSkipFreeSlotsWithTheirCursor) {
-  {
-    auto top = Hold(Root("Top"));
-    Child(top, "a", 0, "1");
-    Child(top, "b", 0, "22");
-    Child(top, "c", 1);
-    ASSERT_TRUE(top->OpenStream("b", kModeReadWriteShared)->Remove());
-  }
-  ASSERT_NE(nullptr, Reopen());
-  auto top = Open("Top");
-  long long cursor = -7;
-  auto first = Hold(top->OpenStreamFirst(&cursor, kModeReadShared));
-  ASSERT_NE(nullptr, first);
-  EXPECT_STREQ("a", first->GetName());
+  EXPECT_TRUE(h.IsFree() && h.Magic() == kStreamHeaderMagic && o.headerOffset == slot0 + 2 * W());
+  EXPECT_EQ(nullptr, top->OpenStream("", RW));
+  __int64 cursor = -7;
+  auto step = [&](bool first) {
+    auto c = Hold(first ? top->OpenStreamFirst(&cursor, RO) : top->OpenStreamNext(&cursor, RO));
+    return c ? c->GetName() + std::string(c->IsFolder() ? "/" : "") : "-";
+  };
+  EXPECT_EQ("abc", step(true));
   EXPECT_EQ(4 + W(), cursor);
-  EXPECT_EQ(3u, top->GetNumChildren());
-  EXPECT_EQ("1", Text(first));
-  auto next = Hold(top->OpenStreamNext(&cursor, kModeReadShared));
-  ASSERT_NE(nullptr, next);
-  EXPECT_STREQ("c", next->GetName());
-  EXPECT_EQ(4 + 3 * W(), cursor);
-  EXPECT_TRUE(next->IsFolder());
-  EXPECT_EQ(nullptr, top->OpenStreamNext(&cursor, kModeReadShared));
-  EXPECT_EQ(nullptr, top->OpenStreamFirst(nullptr, kModeReadShared));
-  EXPECT_EQ(nullptr, top->OpenStreamNext(nullptr, kModeReadShared));
-}
-
-TEST_P(FolderTest, EmptyFolderAndDataStreamGiveNothing) {
-  auto empty = Hold(Root("Empty"));
-  long long cursor = 0;
-  EXPECT_FALSE(Finds(empty, "x"));
-  EXPECT_EQ(nullptr, empty->OpenStreamFirst(&cursor, kModeReadShared));
-  EXPECT_EQ(0u, empty->GetNumChildren());
-  // Data that look exactly like a child table are still no children.
-  auto data = Hold(Root("Data", 0));
-  auto top = Hold(Root("Top"));
-  Child(top, "x");
-  const Bytes table = DataOf(top);
-  ASSERT_EQ(static_cast<int64_t>(table.size()), data->Write(table.data(), table.size()));
-  ASSERT_EQ(0, data->Seek(0, 0));
-  const long long pos = kyTestAccess::BlockPos(data.get());
-  cursor = 4;
-  EXPECT_EQ(nullptr, data->OpenStreamFirst(&cursor, kModeReadShared));
-  EXPECT_EQ(nullptr, data->OpenStreamNext(&cursor, kModeReadShared));
-  EXPECT_EQ(nullptr, data->OpenStream("x", kModeReadShared));
-  EXPECT_EQ(pos, kyTestAccess::BlockPos(data.get()));  // nothing was read
-  EXPECT_EQ(4, cursor);
-}
-
-TEST_P(FolderTest, OpensAreCountedAndEnumStreamsAppends) {
-  auto top = Hold(Root("Top"));
-  Child(top, "k");
-  Child(top, "x", 1);
-  kyStream* one = top->OpenStream("k", kModeReadWriteShared);
-  kyStream* two = top->OpenStream("k", kModeReadShared);
-  ASSERT_NE(nullptr, two);
-  EXPECT_NE(one, two);
-  ASSERT_NE(nullptr, top->IsStreamOpen("k"));
-  EXPECT_EQ(2, top->IsStreamOpen("k")->m_nCount);
-  EXPECT_EQ(1, kyTestAccess::Children(top.get()).GetCount());
-  kyStream* three = top->OpenStream("k", 0x36);  // admitted by the first mode
-  ASSERT_NE(nullptr, three);
-  EXPECT_EQ(3, three->Release());
-  EXPECT_EQ(2, two->Release());
-  EXPECT_EQ(1, one->Release());
-  EXPECT_EQ(nullptr, top->IsStreamOpen("k"));
-
+  EXPECT_EQ(5u, top->GetNumChildren());
+  EXPECT_EQ("Abcd", step(false));
+  EXPECT_EQ("Abc/", step(false));
+  EXPECT_EQ(4 + 4 * W(), cursor);
+  auto exclusive = OpenIn(top, "X", 0x36);
+  EXPECT_EQ("-", step(false));
   CStringArray names;
   names.Add("x");
-  names.Add("y");
   top->EnumStreams(names);
-  ASSERT_EQ(4, names.GetSize());
-  EXPECT_STREQ("k", names[2]);
-  EXPECT_STREQ("x", names[3]);
-  auto exclusive = OpenIn(top, "x", 0x36);
-  EXPECT_EQ(nullptr, top->OpenStream("x", kModeReadShared));
-  EXPECT_EQ((Names{"k"}), ChildNames(top));  // the walk ends at the child it may not open
+  EXPECT_EQ(4, names.GetSize());  // appends, up to the child it may not open
 }
 
-// Roots fill slots 6 to 63 of the first directory block; the next goes to
-// slot 0 of a second block.
-TEST_P(FolderTest, GoNextFollowsTheRootDirectoryAcrossBlocks) {
-  for (int i = 0; i < 59; ++i) Root(("r" + std::to_string(i)).c_str(), 0)->Release();
+// An empty folder has no children; nor has a data stream holding exactly
+// a child table, and nothing is read to find that out.
+TEST_P(Folders, EmptyFoldersAndDataStreamsHaveNoChildren) {
+  auto top = Hold(Root("Top"));
+  __int64 cursor = 4;
+  EXPECT_EQ(nullptr, top->OpenStreamFirst(&cursor, RO));
+  Child(top, "x");
+  auto data = Hold(Root("Data", 0));
+  const Bytes table = DataOf(top);
+  ASSERT_EQ(int64_t(table.size()), data->Write(table.data(), table.size()));
+  ASSERT_EQ(0, data->Seek(0, 0));
+  const int64_t pos = kyTestAccess::BlockPos(data.get());
+  EXPECT_EQ(nullptr, data->OpenStreamFirst(&cursor, RO));
+  EXPECT_EQ(nullptr, data->OpenStreamNext(&cursor, RO));
+  EXPECT_EQ(nullptr, data->OpenStream("x", RO));
+  EXPECT_EQ(pos, kyTestAccess::BlockPos(data.get()));
+}
+
+// Roots fill slots 6 to 63 of the first directory block, the next goes to
+// slot 0 of a second one.  GoNext follows them there and counts the
+// existing record of the new name, stops at a free slot unchanged, and
+// does not move a folder with a child open.
+TEST_P(Folders, GoNextFollowsTheRootDirectory) {
+  for (int i = 0; i < 59; ++i) Root(("r" + std::to_string(i)).c_str(), i == 0)->Release();
   ASSERT_NE(nullptr, Reopen());
-  kyStream* s = storage->OpenStream("r57", kModeReadShared);
+  kyStream* s = storage->OpenStream("r57", RO);
   ASSERT_NE(nullptr, s);
-  const tag_kyStreamOffset first = kyTestAccess::Offset(s);
-  kyStream* other = storage->OpenStream("r58", kModeReadShared);
+  kyStream* other = storage->OpenStream("r58", RO);
   ASSERT_TRUE(s->GoNext());
   EXPECT_STREQ("r58", s->GetName());
   const tag_kyStreamOffset& now = kyTestAccess::Offset(s);
-  EXPECT_NE(first.blockOffset, now.blockOffset);
   EXPECT_EQ(now.blockOffset + (B64() ? 16 : 12), now.headerOffset);
   EXPECT_EQ(64u, now.dwBlockSlots);
   EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "r57"));
-  ASSERT_NE(nullptr, kyTestAccess::IsStreamOpen(storage, "r58"));
-  EXPECT_EQ(2, kyTestAccess::IsStreamOpen(storage, "r58")->m_nCount);  // one record
   EXPECT_EQ(1, kyTestAccess::Registry(storage).GetCount());
-  // Slot 1 of the second block is free: the walk ends and nothing changes.
   const t_kyStreamU before = kyTestAccess::Header(s);
   EXPECT_FALSE(s->GoNext());
-  EXPECT_STREQ("r58", s->GetName());
   EXPECT_EQ(0, memcmp(&before, &kyTestAccess::Header(s), sizeof(before)));
   EXPECT_EQ(2, s->Release());
   EXPECT_EQ(1, other->Release());
-}
-
-TEST_P(FolderTest, GoNextWithinABlockAndNotWithChildrenOpen) {
-  Root("F")->Release();
-  Root("G", 0)->Release();
-  auto f = Open("F", kModeReadWriteShared);
+  auto f = Open("r0", RW);
   Child(f, "c");
-  kyStream* c = f->OpenStream("c", kModeReadShared);
-  EXPECT_FALSE(f->GoNext());  // c's parent must stay what it is
+  kyStream* c = f->OpenStream("c", RO);
+  EXPECT_FALSE(f->GoNext());
   c->Release();
   f->PreloadChildren();
   ASSERT_TRUE(f->GoNext());
-  EXPECT_STREQ("G", f->GetName());
+  EXPECT_STREQ("r1", f->GetName());
   EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(f.get()));
   EXPECT_FALSE(f->IsFolder());
 }
 
-INSTANTIATE_TEST_SUITE_P(Widths, FolderTest, ::testing::Bool());
+// The map holds the used children and walks them in hash or name order.
+TEST_P(Folders, PreloadedMapHoldsUsedChildrenInHashOrNameOrder) {
+  auto top = Hold(Root("Top"));
+  for (const char* n : {"b", "gone", "a", "C"}) Child(top, n);
+  ASSERT_TRUE(top->OpenStream("gone", RW)->Remove());
+  top->PreloadChildren();
+  const struct {
+    int sort, order;
+    Names names;
+  } cases[] = {{0, 0, {"a", "b", "C"}},  // framework hash buckets: "a" 12, "b" 13, "C" 16
+               {1, 0, {"C", "a", "b"}},
+               {1, 1, {"b", "a", "C"}}};
+  for (const auto& c : cases) {
+    top->EnableSorting(c.sort, c.order);
+    EXPECT_EQ(c.names, MapWalk(top.get(), true));
+    EXPECT_EQ(c.names, MapWalk(top.get(), false));
+  }
+  auto empty = Hold(Root("Empty"));
+  EXPECT_TRUE(MapWalk(empty.get(), false).empty());  // no map
+  empty->PreloadChildren();
+  EXPECT_TRUE(MapWalk(empty.get(), true).empty() && MapWalk(empty.get(), false).empty());
+}
+
+// A creation through a preloaded map appends a slot without looking for a
+// free one.  The map's copy of a child's header is older than the child's
+// writes; an open through the map must still reach the data written and
+// keep the chain.  A second preload keeps the map it has.
+TEST_P(Folders, PreloadedMapAppendsAndOpensTheChildAsWritten) {
+  {
+    auto top = Hold(Root("Top"));
+    Child(top, "A");
+    Child(top, "B");
+    ASSERT_TRUE(top->OpenStream("B", RW)->Remove());
+    top->PreloadChildren();
+    auto x = Hold(top->CreateStream("x", 0, RW, 0));
+    ASSERT_EQ(5, x->Write("hello", 5));
+    const int64_t chain = FirstBlock(x.get());
+    EXPECT_EQ(FirstBlock(top.get()) + H() + 4 + 2 * W(), HeaderOffset(x.get()));  // not B's
+    x = OpenIn(top, "x", RW);
+    EXPECT_EQ(chain, FirstBlock(x.get()));
+    ASSERT_EQ(0, x->Seek(0, 1));
+    ASSERT_EQ(3, x->Write("!!!", 3));
+    x.reset();
+    EXPECT_EQ((Names{"x", "A"}), MapWalk(top.get(), true));
+    void* cursor = nullptr;
+    EXPECT_EQ("hello!!!", Text(Hold(top->OpenPreloadChildrenFirst(&cursor, RO))));
+    Child(Open("Top", RW), "y");
+    top->PreloadChildren();
+    EXPECT_FALSE(Finds(top, "y"));
+  }
+  ASSERT_NE(nullptr, Reopen());
+  auto top = Open("Top");
+  EXPECT_EQ((Names{"A", "y", "x"}), ChildNames(top));
+  EXPECT_EQ("hello!!!", Text(OpenIn(top, "x")));
+}
+
+// Removals and renames through this folder object, or through another
+// object of it (the slot tells), never leave a name the child no longer
+// has; a walk removing every child it meets reaches them all.
+TEST_P(Folders, RemoveAndRenameKeepThePreloadedMapTrue) {
+  auto top = Hold(Root("Top"));
+  for (const char* n : {"a", "b", "c", "d"}) Child(top, n, 0, n);
+  top->PreloadChildren();
+  top->EnableSorting(1, 0);
+  ASSERT_TRUE(top->OpenStream("a", RW)->Remove());
+  ASSERT_TRUE(OpenIn(top, "b", RW)->Rename("bee"));
+  EXPECT_FALSE(Finds(top, "a") || Finds(top, "b"));
+  EXPECT_EQ((Names{"bee", "c", "d"}), MapWalk(top.get(), false));
+  auto other = Open("Top", RW);
+  ASSERT_TRUE(other->OpenStream("c", RW)->Remove());
+  EXPECT_EQ(nullptr, top->OpenStream("c", RO));
+  EXPECT_EQ((Names{"bee", "d"}), MapWalk(top.get(), true));
+  ASSERT_TRUE(OpenIn(other, "d", RW)->Rename("dee"));
+  void* cursor = nullptr;
+  t_kyStreamWithOffset v;
+  CString name;
+  ASSERT_EQ(1, top->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name));
+  ASSERT_EQ(1, top->GetPreloadChildrenOffsetNext(&cursor, 0, v, name));
+  ASSERT_STREQ("d", name);  // the map still has it; the slot no longer says "d"
+  tag_kyStreamOffset vo;
+  memcpy(&vo, &v.offset, sizeof(vo));
+  EXPECT_EQ(nullptr, top->OpenPreloadChildrenByOffset(v.hdr, vo, "d", RO));
+  EXPECT_FALSE(Finds(top, "d"));
+  EXPECT_EQ("d", Text(Hold(top->OpenPreloadChildrenByOffset(v.hdr, vo, "dee", RO))));
+  for (int sorted = 0; sorted < 2; ++sorted) {
+    auto f = Hold(Root(sorted ? "Sorted" : "Hashed"));
+    for (const char* n : {"w", "x", "y", "z"}) Child(f, n);
+    f->PreloadChildren();
+    f->EnableSorting(sorted, 0);
+    int removed = 0;
+    for (kyStream* c = f->OpenPreloadChildrenFirst(&cursor, RW); c != nullptr;
+         c = f->OpenPreloadChildrenNext(&cursor, RW))
+      removed += c->Remove() ? 1 : 0;
+    EXPECT_EQ(4, removed) << sorted;
+    EXPECT_TRUE(MapWalk(f.get(), false).empty() && ChildNames(f).empty());
+  }
+}
+
+// A walk stops at the end of the data; a creation appends there and writes
+// the count of the slots that are there.  A negative count gives no walk.
+TEST_P(Folders, DamagedCountLargerThanTheData) {
+  const int64_t count = BuildTop()[0] - 4;
+  Patch(count, 1000, false);
+  ASSERT_NE(nullptr, Reopen());
+  {
+    auto top = Open("Top", RW);
+    EXPECT_TRUE(Finds(top, "c") && !Finds(top, "missing"));
+    Child(top, "d");
+    EXPECT_EQ(4u, Get32(DataOf(top), 0));
+    EXPECT_EQ((Names{"a", "b", "c", "d"}), ChildNames(top));
+  }
+  Patch(count, 0xFFFFFFFFu, false);
+  ASSERT_NE(nullptr, Reopen());
+  auto top = Open("Top");
+  __int64 cursor = 0;
+  EXPECT_EQ(nullptr, top->OpenStreamFirst(&cursor, RO));
+  EXPECT_FALSE(Finds(top, "missing"));
+  top->PreloadChildren();
+  EXPECT_EQ((Names{"a", "b", "c", "d"}), MapWalk(top.get(), false));
+  // A folder whose data end before the count has no map at all.
+  auto shortData = Hold(Root("Short", 0));
+  ASSERT_EQ(2, shortData->Write("ab", 2));
+  kyTestAccess::Header(shortData.get()).Flags() = kFolderFlag;
+  shortData->PreloadChildren();
+  EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(shortData.get()));
+}
+
+// A child folder whose chain is its parent's: its children are its
+// parent's, itself among them, and it is not opened below itself.  A name
+// that fills its whole field is read as its first 60 characters.
+TEST_P(Folders, DamagedChildSlots) {
+  const std::vector<int64_t> slots = BuildTop();
+  Bytes image = ReadAll(path);
+  memset(&image[size_t(slots[0]) + 4], 'n', 61);
+  image[size_t(slots[1]) + 67] = kFolderFlag;  // b becomes a folder over Top's chain
+  PutField(image, slots[1] + (B64() ? 84 : 76), topBlock);
+  PutField(image, slots[1] + (B64() ? 76 : 72), topBlock);
+  WriteAll(path, image);
+  ASSERT_NE(nullptr, Reopen());
+  const std::string sixty(60, 'n');
+  kyStream* top = storage->OpenStream("Top", RW);
+  EXPECT_EQ((Names{sixty, "b", "c"}), ChildNames(top));
+  {
+    auto b = OpenIn(top, "b", RW);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(nullptr, b->OpenStream("b", RO));  // its own slot
+    EXPECT_EQ(Names{sixty}, ChildNames(b));      // the walk ends at b
+    EXPECT_EQ(sixty, OpenIn(b, sixty.c_str())->GetName());
+  }
+  top->PreloadChildren();
+  EXPECT_TRUE(Finds(top, sixty.c_str()));
+  ASSERT_NE(nullptr, Other(true));
+  top->CopyFolder(Hold(other->CreateStream("D", 1, RW)).get());  // ends, whatever it reports
+  EXPECT_TRUE(top->Remove());
+  ASSERT_NE(nullptr, Reopen());
+  EXPECT_EQ(nullptr, storage->OpenStream("Top", RO));
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, Folders, ::testing::Bool(), WidthName);
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Shared by the folder tests: a storage of either offset width, and helpers
-// that read a folder's data and build the bytes of a child slot as the file
-// must hold them.
+// Shared by the folder tests: a storage of either offset width (and a second
+// one for copies), helpers that read a folder's data, build the bytes of a
+// child slot as the file must hold them, and patch the file.
 #ifndef KYSTORE_TESTS_SUPPORT_FOLDER_FIXTURE_H_
 #define KYSTORE_TESTS_SUPPORT_FOLDER_FIXTURE_H_
 
@@ -14,48 +14,67 @@
 
 namespace kytest {
 
+typedef std::vector<std::string> Names;
+
 // Each test starts with a new, empty storage of the parameter's width.
 class FolderTest : public ::testing::TestWithParam<bool> {
  protected:
+  static constexpr DWORD RW = kModeReadWriteShared, RO = kModeReadShared;
   void SetUp() override { ASSERT_NE(nullptr, Create()); }
   void TearDown() override {
-    if (storage != nullptr) storage->Release();
+    Close();
+    if (other != nullptr) other->Release();
   }
   bool B64() const { return GetParam(); }
   int64_t W() const { return B64() ? 92 : 80; }
   int64_t H() const { return B64() ? 40 : 20; }
 
-  // A new storage at `path`, replacing the one the test holds.
+  // A new storage, or the file opened again, in place of the one held.
   kyStorage* Create(DWORD blockSize = 256) {
     Close();
     kyStorage::g_bUse64BitOffsets = B64() ? 1 : 0;  // restored by `globals`
-    storage = kyStorage::Create(path.c_str(), kModeReadWriteShared, blockSize);
-    return storage;
+    return storage = kyStorage::Create(path.c_str(), RW, blockSize);
   }
-  // Closes and opens the storage again.
-  kyStorage* Reopen(DWORD mode = kModeReadWriteShared, int bLoadIntoMemory = 0) {
+  kyStorage* Reopen(DWORD mode = RW, int bLoadIntoMemory = 0) {
     Close();
-    storage = kyStorage::Open(path.c_str(), mode, 256, bLoadIntoMemory);
-    return storage;
+    return storage = kyStorage::Open(path.c_str(), mode, 256, bLoadIntoMemory);
   }
   void Close() {
     if (storage != nullptr) storage->Release();
     storage = nullptr;
   }
-  // Opens a root stream of the storage held now.
-  Held<kyStream> Open(const char* name, DWORD mode = kModeReadShared) {
+  // The second storage at `otherPath`, made new or opened again.
+  kyStorage* Other(bool create, DWORD blockSize = 64) {
+    if (other != nullptr) other->Release();
+    return other = create ? kyStorage::Create(otherPath.c_str(), RW, blockSize)
+                          : kyStorage::Open(otherPath.c_str(), RW, blockSize, 0);
+  }
+  Held<kyStream> Open(const char* name, DWORD mode = RO) {
     return Hold(storage->OpenStream(name, mode));
   }
   template <class P>
-  static Held<kyStream> OpenIn(const P& folder, const char* name, DWORD mode = kModeReadShared) {
+  static Held<kyStream> OpenIn(const P& folder, const char* name, DWORD mode = RO) {
     return Hold(folder->OpenStream(name, mode));
+  }
+  kyStream* Root(const char* name, DWORD dwType = 1) {
+    kyStream* s = storage->CreateStream(name, dwType, RW);
+    EXPECT_NE(nullptr, s) << name;
+    return s;
+  }
+  // Creates a child, writes `data` into it and releases it.
+  template <class P>
+  static void Child(const P& folder, const char* name, DWORD dwType = 0, std::string data = "") {
+    kyStream* c = folder->CreateStream(name, dwType, RW, 1);
+    ASSERT_NE(nullptr, c) << name;
+    EXPECT_EQ(int64_t(data.size()), data.empty() ? 0 : c->Write(&data[0], data.size(), true));
+    c->Release();
   }
   // The names of a folder's children, in slot order.
   template <class P>
-  static std::vector<std::string> ChildNames(const P& folder) {
+  static Names ChildNames(const P& folder) {
     CStringArray names;
     folder->EnumStreams(names);
-    std::vector<std::string> out;
+    Names out;
     for (int i = 0; i < names.GetSize(); ++i) out.push_back(names[i].GetString());
     return out;
   }
@@ -65,35 +84,20 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     tag_kyStreamOffset o;
     return folder->FindStream(name, h, o);
   }
-  kyStream* Root(const char* name, DWORD dwType = 1) {
-    kyStream* s = storage->CreateStream(name, dwType, kModeReadWriteShared);
-    EXPECT_NE(nullptr, s) << name;
-    return s;
-  }
-  // Creates a child and releases it.
-  template <class P>
-  static void Child(const P& folder, const char* name, DWORD dwType = 0,
-                    const std::string& data = "") {
-    kyStream* c = folder->CreateStream(name, dwType, kModeReadWriteShared, 1);
-    ASSERT_NE(nullptr, c) << name;
-    if (!data.empty()) {
-      EXPECT_EQ(static_cast<int64_t>(data.size()), c->Write(data.data(), data.size(), true));
-    }
-    c->Release();
-  }
-  // A stream's whole data, read from its start.
+  // A stream's whole data, read from its start ("!" without a stream, "?"
+  // when the read fails).
   template <class P>
   static Bytes DataOf(const P& s) {
+    if (!s) return Bytes(1, '!');
     Bytes out(static_cast<size_t>(s->GetLength()), 0);
-    if (s->Seek(0, 0, true) != 0) return Bytes();
-    if (!out.empty()) {
-      EXPECT_EQ(s->GetLength(), s->Read(out.data(), s->GetLength()));
-    }
-    return out;
+    if (out.empty()) return out;  // a seek in a stream without a block fails
+    const bool ok =
+        s->Seek(0, 0, true) == 0 && s->Read(out.data(), s->GetLength()) == s->GetLength();
+    return ok ? out : Bytes(1, '?');
   }
   template <class P>
   static std::string Text(const P& s) {
-    Bytes b = DataOf(s);
+    const Bytes b = DataOf(s);
     return std::string(b.begin(), b.end());
   }
   // The W bytes of a child slot.
@@ -104,36 +108,32 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     memcpy(&b[4], name, strlen(name));
     Put16(b, 65, duration);
     b[67] = flags;
-    if (B64()) {
-      Put64(b, 68, length);
-      Put64(b, 76, last);
-      Put64(b, 84, first);
-    } else {
-      Put32(b, 68, static_cast<uint32_t>(length));
-      Put32(b, 72, static_cast<uint32_t>(last));
-      Put32(b, 76, static_cast<uint32_t>(first));
-    }
+    PutField(b, 68, length);
+    PutField(b, B64() ? 76 : 72, last);
+    PutField(b, B64() ? 84 : 76, first);
     return b;
   }
-  // Slot `i` of a folder's data.
-  Bytes SlotIn(const Bytes& data, size_t i) const {
-    const size_t at = 4 + i * static_cast<size_t>(W());
-    if (data.size() < at + static_cast<size_t>(W())) return Bytes();
-    return Bytes(data.begin() + at, data.begin() + at + W());
+  // Writes an offset or length of the storage's width into `b`.
+  void PutField(Bytes& b, int64_t at, int64_t v) const {
+    if (B64())
+      Put64(b, size_t(at), v);
+    else
+      Put32(b, size_t(at), uint32_t(v));
   }
-  template <class P>
-  int64_t FirstBlock(const P& s) const {
-    return kyTestAccess::Header(&*s).FirstBlock(B64());
+  // Writes into the file a field of the storage's width, or a DWORD.
+  void Patch(int64_t at, int64_t v, bool widthField = true) {
+    Bytes image = ReadAll(path);
+    widthField ? PutField(image, at, v) : Put32(image, size_t(at), uint32_t(v));
+    WriteAll(path, image);
   }
-  template <class P>
-  static int64_t HeaderOffset(const P& s) {
-    return kyTestAccess::Offset(&*s).headerOffset;
-  }
+  int64_t FirstBlock(kyStream* s) const { return kyTestAccess::Header(s).FirstBlock(B64()); }
+  static int64_t HeaderOffset(kyStream* s) { return kyTestAccess::Offset(s).headerOffset; }
 
   GlobalsGuard globals;
   TempDir dir;
-  std::string path = dir.File("tree.kys");
+  std::string path = dir.File("tree.kys"), otherPath = dir.File("other.kys");
   kyStorage* storage = nullptr;
+  kyStorage* other = nullptr;
 };
 
 }  // namespace kytest

@@ -1,0 +1,435 @@
+// The operation recorder: its growable buffer and who owns it, the exact
+// bytes of every record kind and PopOp reading them back or refusing them,
+// the stack of entered streams, and a storage's recording switched on and
+// off around real streams.  Leaks and double frees show up under the
+// sanitizers.
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/folder_fixture.h"
+
+namespace {
+
+using kytest::Bytes;
+typedef std::vector<std::string> Lines;
+
+Bytes Data(CCompRecorder& r) {
+  unsigned char* p = kyTestAccess::Buffer(&r);
+  return p ? Bytes(p, p + r.GetDataLength()) : Bytes();
+}
+
+// Buffer length, data length, position, stack depth, stopped, owns the
+// buffer it has.
+std::string State(CCompRecorder& r) {
+  return std::to_string(r.GetLength()) + " " + std::to_string(r.GetDataLength()) + " @" +
+         std::to_string(r.GetBufferPos()) + " depth " + std::to_string(r.GetStmDepth()) +
+         (r.HasBeenStopped() ? " stopped" : "") +
+         (kyTestAccess::Buffer(&r) && kyTestAccess::OwnsBuffer(&r) ? " own" : "");
+}
+
+// The recording read back from its start by a clone (the recorder itself is
+// not disturbed), one line per record, "<cut>" when it ends inside one.
+// Data are handed out in place.
+Lines Records(CCompRecorder& r, int bThrow = 0) {
+  static const char* const kKinds[] = {"",        "enter ", "fast ",  "leave",
+                                       "remove ", "write ", "append "};
+  std::unique_ptr<CCompRecorder> c(r.Clone());
+  c->ThrowExceptions(bThrow);
+  const unsigned char* buf = kyTestAccess::Buffer(c.get());
+  Lines out;
+  RecOpEnum op;
+  char name[61];
+  unsigned char* data;
+  DWORD n;
+  while (c->PopOp(&op, name, &data, &n)) {
+    out.push_back(kKinds[op] + std::string(op == RecOpLeave ? "" : name));
+    if (op == RecOpEnter || op == RecOpEnterFast) out.back() += " " + std::to_string(n);
+    if (op != RecOpWrite && op != RecOpAppend) continue;
+    EXPECT_TRUE(data >= buf && data + n <= buf + c->GetDataLength());
+    out.back() += " " + std::string(reinterpret_cast<char*>(data), n);
+  }
+  if (c->GetBufferPos() != c->GetDataLength()) out.push_back("<cut>");
+  return out;
+}
+
+// Every record kind as PushOp writes it and PopOp reads it back.
+const struct {
+  RecOpEnum op;
+  const char *name, *data;
+  DWORD n;
+  Bytes bytes;
+  std::string back;
+} kRecords[] = {
+    {RecOpEnter, "Cfg", nullptr, 1, {1, 3, 0, 'C', 'f', 'g', 1}, "enter Cfg 1"},
+    {RecOpEnter, "W", nullptr, 0, {1, 1, 0, 'W', 0}, "enter W 0"},
+    {RecOpEnterFast, "ab", nullptr, 0x301, {2, 2, 0, 'a', 'b', 1}, "fast ab 1"},  // low byte
+    {RecOpEnterFast, "ab", nullptr, 0xFF, {2, 2, 0, 'a', 'b', 0xFF}, "fast ab 255"},
+    {RecOpLeave, "ignored", "x", 1, {3}, "leave"},
+    {RecOpRemove, "Old", nullptr, 7, {4, 3, 0, 'O', 'l', 'd'}, "remove Old"},
+    {RecOpRemove, "", nullptr, 0, {4, 0, 0}, "remove "},
+    {RecOpWrite, "10", "xyz", 3, {5, 1, 0, 3, 0, 0, 0, 'x', 'y', 'z'}, "write 10 xyz"},
+    {RecOpWrite, "01", "q", 1, {5, 0, 1, 1, 0, 0, 0, 'q'}, "write 01 q"},
+    {RecOpWrite, "11", "", 0, {5, 1, 1, 0, 0, 0, 0}, "write 11 "},
+    {RecOpWrite, "111", "q", 1, {5, 0, 0, 1, 0, 0, 0, 'q'}, "write 00 q"},  // not two flags
+    {RecOpWrite, nullptr, "q", 1, {5, 0, 0, 1, 0, 0, 0, 'q'}, "write 00 q"},
+    {RecOpAppend, "1", "ab", 2, {6, 1, 2, 0, 0, 0, 'a', 'b'}, "append 1 ab"},
+    {RecOpAppend, "10", "a", 1, {6, 0, 1, 0, 0, 0, 'a'}, "append 0 a"},
+};
+
+class RecorderTest : public ::testing::Test {
+ protected:
+  ~RecorderTest() override {
+    for (size_t i = streams.size(); i > 0; --i) kyTestAccess::DeleteStream(streams[i - 1]);
+  }
+  static unsigned char* U(const char* s) {
+    return reinterpret_cast<unsigned char*>(const_cast<char*>(s));
+  }
+  static void Add(CCompRecorder& r, const char* s) { r.Add(U(s), unsigned(strlen(s)), 4096); }
+  static Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
+  // Records read from `bytes` before the first refusal, the same with
+  // exceptions off and on (checked here).
+  static size_t Count(Bytes bytes) {
+    CCompRecorder r;
+    r.Attach(bytes.data(), unsigned(bytes.size()), 0);
+    const Lines read = Records(r);
+    EXPECT_EQ(read, Records(r, 1));
+    return read.size() - (!read.empty() && read.back() == "<cut>");
+  }
+  // A stream object in memory (nothing touches a file); a chain of
+  // `levels` folders L1, L2, ... below `top`.
+  kyStream* Make(kyStream* parent, const char* name, bool folder) {
+    t_kyStreamU h;
+    memset(&h, 0, sizeof(h));
+    h.Magic() = kStreamHeaderMagic;
+    strncpy(h.Name(), name, kMaxNameLength);
+    h.Flags() = folder ? kFolderFlag : 0;
+    streams.push_back(parent ? kyTestAccess::MakeChildStream(parent, h, 1000 + 100 * streams.size())
+                             : kyTestAccess::MakeLooseRootStream(h));
+    return streams.back();
+  }
+  kyStream* Chain(kyStream* top, int levels) {
+    for (int i = 1; i <= levels; ++i) top = Make(top, ("L" + std::to_string(i)).c_str(), true);
+    return top;
+  }
+
+  std::vector<kyStream*> streams;  // deleted children first
+  CCompRecorder rec;
+  kyStream* root = Make(nullptr, "R", true);
+  kyStream* folder = Make(root, "F", true);
+  kyStream* entry = Make(folder, "E", false);
+  kyStream* sibling = Make(root, "G", true);
+};
+
+// The buffer grows by the step (at least 4096) or by a larger piece, never
+// past 32 bits.  Attach takes a buffer as told and frees an owned one it
+// replaces; a borrowed buffer is copied before it grows; Detach hands the
+// buffer out.
+TEST_F(RecorderTest, TheBufferGrowsAndChangesHandsAsTold) {
+  CCompRecorder r(100);
+  std::vector<unsigned char> fill(4096, 0xAB), big(10000, 0xCD);
+  r.Add(nullptr, 5, 4096);  // nothing to add allocates nothing
+  EXPECT_EQ(State(r), "0 0 @0 depth 0");
+  r.Add(fill.data(), 4096, 4096);
+  r.Add(big.data(), 10000, 4096);
+  EXPECT_EQ(r.GetLength(), 14096u);
+  r.Add(fill.data(), 1, 4096);
+  EXPECT_EQ(State(r), "18192 14097 @14097 depth 0 own");
+  kyTestAccess::SetBufferPos(&r, 0xFFFFFFFEu);
+  Add(r, "xyz");  // its end would wrap 32 bits: stops, writes nothing
+  EXPECT_EQ(State(r), "18192 14097 @4294967294 depth 0 stopped own");
+  unsigned char* heap = static_cast<unsigned char*>(malloc(3));
+  r.Attach(heap, 3, 1);  // frees the grown buffer
+  r.Attach(heap, 2, 1);  // the same buffer again is not freed
+  unsigned char mine[3] = {'x', 'y', 'z'};
+  r.Attach(mine, 3, 0);  // frees `heap`
+  kyTestAccess::SetBufferPos(&r, 3);
+  Add(r, "ef");  // copies the borrowed bytes before it grows
+  EXPECT_EQ(State(r), "4099 5 @5 depth 0 stopped own");
+  EXPECT_EQ(Bytes(mine, mine + 3), B("xyz"));
+  unsigned int n = 0;
+  unsigned char* p = r.Detach(&n);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(Bytes(p, p + n), B("xyzef"));
+  CCompRecorder::Free(p);
+  EXPECT_EQ(kyTestAccess::Buffer(&r), nullptr);
+}
+
+// Each recorder owns what it holds after an assignment, so any of them may
+// be destroyed, emptied or grown first; the source is never changed.
+TEST_F(RecorderTest, CopyAssignmentGivesTheTargetItsOwnCopy) {
+  for (int first = 0; first < 3; ++first) {
+    SCOPED_TRACE(first);
+    CCompRecorder* a = new CCompRecorder;
+    Add(*a, "shared");
+    a->OpEnterFast("Root", 1, root);
+    a->ThrowExceptions(1);
+    const std::string state = State(*a);
+    const Bytes before = Data(*a);
+    CCompRecorder* b = new CCompRecorder(9000);
+    Add(*b, "replaced");  // b's own buffer is freed by the assignment
+    *b = *a;
+    EXPECT_NE(kyTestAccess::Buffer(b), kyTestAccess::Buffer(a));
+    EXPECT_EQ(State(*b) + State(*a), state + state);
+    EXPECT_EQ(Data(*b), before);
+    EXPECT_EQ(kyTestAccess::Stack(b)[0].pStm, root);  // the stack and the flags come along
+    CCompRecorder*& gone = first == 1 ? b : a;
+    CCompRecorder* kept = first == 1 ? a : b;
+    if (first == 2) {
+      std::vector<unsigned char> big(20000, 1);
+      a->Add(big.data(), 20000, 4096);  // a moves to a larger buffer
+      a->Empty();
+    }
+    delete gone;
+    gone = nullptr;
+    EXPECT_EQ(Data(*kept), before);
+    kept->SeekToBegin();
+    unsigned char out[100];
+    EXPECT_EQ(kept->Read(out, 100, 0), 0);  // too short: refused, thrown only when both ask
+    try {
+      kept->Read(out, 100, 1);
+      ADD_FAILURE() << "no exception";
+    } catch (const CString& e) {
+      EXPECT_EQ(e, CString("Read error"));
+    }
+    delete kept;
+  }
+  Add(rec, "same");
+  unsigned char* held = kyTestAccess::Buffer(&rec);
+  CCompRecorder& self = rec;
+  rec = self;
+  EXPECT_EQ(kyTestAccess::Buffer(&rec), held);
+  // A recorder that lends its buffer keeps it when assigned from the
+  // borrower: the bytes are already its own.
+  CCompRecorder borrower;
+  borrower.Attach(held, rec.GetDataLength(), 0);
+  unsigned char c;
+  ASSERT_EQ(borrower.Read(&c, 1, 0), 1);
+  rec = borrower;
+  EXPECT_EQ(kyTestAccess::Buffer(&rec), held);
+  EXPECT_EQ(State(rec), "4096 4 @1 depth 0 own");
+  EXPECT_EQ(Data(rec), B("same"));
+}
+
+TEST_F(RecorderTest, EveryKindHasItsExactBytesAndReadsBack) {
+  for (const auto& c : kRecords) {
+    SCOPED_TRACE(c.back);
+    CCompRecorder r;
+    kyTestAccess::PushOp(&r, c.op, c.name, c.data ? U(c.data) : nullptr, c.n);
+    EXPECT_EQ(Data(r), c.bytes);
+    EXPECT_EQ(Records(r), Lines{c.back});
+  }
+  std::vector<unsigned char> data(0x10203, 0x5A);
+  kyTestAccess::PushOp(&rec, RecOpAppend, "1", data.data(), 0x10203);
+  const Bytes d = Data(rec);
+  EXPECT_EQ(Bytes(d.begin(), d.begin() + 6), Bytes({6, 1, 3, 2, 1, 0}));
+  unsigned char flags[] = {5, 7, 0, 0, 0, 0, 0, 6, 0x80, 0, 0, 0, 0};
+  rec.Attach(flags, sizeof(flags), 0);
+  EXPECT_EQ(Records(rec), (Lines{"write 10 ", "append 1 "}));  // nonzero flag bytes read as one
+}
+
+// Names longer than 60, lengths whose end wraps 32 bits, and unknown kinds
+// (handed out as read, with 0 and an empty name) are refused; so is every
+// record cut short, leaving exactly the records before it readable.
+TEST_F(RecorderTest, MalformedOrCutRecordsAreRefused) {
+  for (unsigned char kind : {1, 2, 4}) {
+    for (unsigned char length : {60, 61}) {
+      Bytes r = {kind, length, 0};
+      r.insert(r.end(), length, 'a');
+      if (kind != 4) r.push_back(0);
+      EXPECT_EQ(Count(r), length == 60 ? 1u : 0u) << int(kind);
+    }
+  }
+  EXPECT_EQ(Count({6, 1, 0xFF, 0xFF, 0xFF, 0xFF, 'a'}), 0u);
+  EXPECT_EQ(Count({5, 1, 1, 0xFD, 0xFF, 0xFF, 0xFF, 'a'}), 0u);
+  for (unsigned char kind : {0, 7, 0x80, 0xFF}) {
+    EXPECT_EQ(Count({kind, 0, 0, 0, 0, 0, 0}), 0u) << int(kind);
+    unsigned char r[] = {kind, 0, 0};
+    rec.Attach(r, 3, 0);
+    RecOpEnum op = RecOpLeave;
+    char name[61] = "x";
+    EXPECT_EQ(rec.PopOp(&op, name, nullptr, nullptr), 0);
+    EXPECT_EQ(std::to_string(op) + name, std::to_string(kind));
+  }
+  Bytes all;
+  std::vector<size_t> ends;
+  for (const auto& c : kRecords) {
+    all.insert(all.end(), c.bytes.begin(), c.bytes.end());
+    ends.push_back(all.size());
+  }
+  for (size_t cut = 0, complete = 0; cut <= all.size(); ++cut) {
+    while (complete < ends.size() && ends[complete] <= cut) ++complete;
+    EXPECT_EQ(Count(Bytes(all.begin(), all.begin() + cut)), complete) << cut;
+  }
+}
+
+// A record grows the buffer as its pieces would; one that cannot fit, or
+// that the reader would refuse, leaves no part behind and stops the
+// recording; a stopped recorder records nothing more.
+TEST_F(RecorderTest, ARecordThatCannotFitStopsTheRecording) {
+  std::vector<unsigned char> fill(10000, 1);
+  kyTestAccess::PushOp(&rec, RecOpWrite, "00", fill.data(), 4090 - 7);  // exactly 4090 bytes
+  EXPECT_EQ(rec.GetLength(), 4096u);
+  kyTestAccess::PushOp(&rec, RecOpWrite, "00", fill.data(), 3);  // head crosses the end
+  EXPECT_EQ(State(rec), "8192 4100 @4100 depth 0 own");
+  kyTestAccess::PushOp(&rec, RecOpAppend, "1", fill.data(), 10000);  // the piece grows it alone
+  EXPECT_EQ(State(rec), "18192 14106 @14106 depth 0 own");
+  kyTestAccess::SetBufferPos(&rec, 0xFFFFFFF0u);
+  kyTestAccess::PushOp(&rec, RecOpWrite, "00", fill.data(), 32);
+  EXPECT_EQ(State(rec), "18192 14106 @4294967280 depth 0 stopped own");
+  kyTestAccess::SetBufferPos(&rec, 0);
+  kyTestAccess::PushOp(&rec, RecOpLeave, nullptr, nullptr, 0);
+  EXPECT_EQ(Data(rec)[0], 5);
+  CCompRecorder r;
+  kyTestAccess::PushOp(&r, RecOpWrite, "00", nullptr, 3);  // no data
+  EXPECT_EQ(State(r), "0 0 @0 depth 0 stopped");
+}
+
+// An operation enters the missing levels of its chain first; leaves of
+// streams not on top and operations without a stream record nothing; a
+// removal is recorded with nothing entered for a root, after entering its
+// folder for a child.
+TEST_F(RecorderTest, OperationsEnterTheMissingLevelsOfTheirChain) {
+  rec.OpLeave(root);
+  rec.OpRemove("Old", nullptr);
+  rec.OpWrite(U("640"), 3, 0, entry, 1);
+  for (kyStream* s : {root, sibling, static_cast<kyStream*>(nullptr)}) rec.OpLeave(s);
+  rec.OpWrite(U("x"), 1, 0, nullptr, 0);
+  rec.OpAppend(U("x"), 1, nullptr, 1);
+  rec.OpRemove("Other", nullptr);  // streams are entered
+  EXPECT_EQ(State(rec), "4096 31 @31 depth 3 own");
+  rec.OpAppend(U("ab"), 2, entry, 1);
+  rec.OpLeave(entry);
+  rec.OpLeave(folder);
+  rec.OpRemove("G2", sibling);
+  rec.OpLeave(sibling);  // the removal's own leave of its parent
+  rec.OpLeave(root);
+  EXPECT_EQ(rec.GetStmDepth(), 0);
+  EXPECT_EQ(Records(rec),
+            Lines({"remove Old", "enter R 1", "enter F 1", "enter E 0", "write 01 640",
+                   "append 1 ab", "leave", "leave", "enter G 1", "remove G2", "leave", "leave"}));
+}
+
+// The stack holds 32 streams and an operation enters up to ten missing
+// ancestors.  Deeper, the recording stops; with more missing ancestors
+// only that operation goes unrecorded.
+TEST_F(RecorderTest, TheStackHolds32StreamsAndEntersTenAncestors) {
+  CCompRecorder nested;
+  kyStream* s = root;
+  nested.OpEnter("R", 1, root);
+  for (int depth = 2; depth <= 33; ++depth) nested.OpEnter("N", 1, s = Make(s, "N", true));
+  EXPECT_EQ(State(nested), "4096 160 @160 depth 32 stopped own");  // 32 enters, then a stop
+  s = root;
+  for (const char* data : {"a", "b", "c"}) rec.OpWrite(U(data), 1, 0, s = Chain(s, 10), 0);
+  EXPECT_EQ(rec.GetStmDepth(), 31);  // 11, 21, 31 levels
+  const unsigned int length = rec.GetDataLength();
+  rec.OpWrite(U("d"), 1, 0, Chain(s, 2), 0);  // 33 levels
+  EXPECT_EQ(rec.HasBeenStopped(), 1);
+  EXPECT_EQ(rec.GetDataLength(), length + 6);  // the 32nd enter (L1) got in, nothing more
+  CCompRecorder far;
+  far.OpWrite(U("lost"), 4, 0, Chain(root, 11), 0);
+  EXPECT_EQ(State(far), "0 0 @0 depth 0");
+  far.OpWrite(U("ok"), 2, 0, Chain(root, 10), 0);
+  EXPECT_EQ(Records(far).size(), 12u);  // enter R, L1 ... L10, write
+}
+
+// Operations the stack cannot follow from the top E (below R but not below
+// E, above E, in another root, unrelated more than ten levels up), names
+// longer than sixty and a second fast enter stop the recording; an enter
+// whose parent is not on top does nothing.
+TEST_F(RecorderTest, WhatTheStackCannotFollowStopsTheRecording) {
+  kyStream* targets[] = {Make(sibling, "C", false), folder, Make(nullptr, "Q", false),
+                         Chain(Make(nullptr, "Z", true), 12)};
+  for (kyStream* target : targets) {
+    CCompRecorder r;
+    r.OpWrite(U("x"), 1, 0, entry, 0);
+    if (target == folder)
+      r.OpAppend(U("y"), 1, target, 1);
+    else
+      r.OpWrite(U("y"), 1, 0, target, 0);
+    EXPECT_EQ(State(r), "4096 23 @23 depth 3 stopped own") << target->GetName();
+  }
+  const std::string name61(61, 'n');
+  for (int kind = 0; kind < 3; ++kind) {
+    CCompRecorder r;
+    if (kind == 0) r.OpEnter(name61.c_str(), 1, root);
+    if (kind == 1) r.OpEnterFast(name61.c_str(), 0, root);
+    if (kind == 2) r.OpRemove(name61.c_str(), nullptr);
+    EXPECT_EQ(State(r), "0 0 @0 depth 0 stopped") << kind;
+  }
+  rec.OpEnterFast("R", 1, root);
+  rec.OpEnter("E", 0, entry);  // its parent is not on top
+  rec.OpAppend(U("v"), 1, folder, 0);
+  rec.OpLeave(folder);
+  rec.OpLeave(root);
+  EXPECT_EQ(Records(rec), Lines({"fast R 1", "enter F 1", "append 0 v", "leave", "leave"}));
+  rec.OpEnterFast("R", 0, root);
+  rec.OpEnterFast("Q", 0, sibling);
+  EXPECT_EQ(State(rec), "4096 24 @24 depth 1 stopped own");  // the first fast enter got in
+}
+
+class Recording : public kytest::FolderTest {
+ protected:
+  CCompRecorder* Recorder() { return kyTestAccess::Recorder(storage); }
+  // Stops the recording; the records of the recorder handed back.
+  Lines Stop() {
+    std::unique_ptr<CCompRecorder> got(storage->StopRecording());
+    EXPECT_EQ(Recorder(), nullptr);
+    return got ? Records(*got) : Lines{"no recorder"};
+  }
+};
+
+// Real streams: a write two levels below a root folder and the releases,
+// innermost first; a fast open and its release; removals, a child's made
+// from its entered parent, a root's with nothing entered.  A second start
+// keeps the recorder; a recording that was stopped, or that leaves a
+// stream entered, comes back empty; a storage released while recording
+// deletes its recorder.
+TEST_P(Recording, StreamsRecordTheirChainAndOnlyBalancedRecordingsAreHandedOver) {
+  kyStream* root = storage->CreateStream("R", 1, RW);
+  kyStream* folder = root->CreateStream("F", 1, RW, 1);
+  kyStream* entry = folder->CreateStream("E", 0, RW, 1);
+  ASSERT_NE(entry, nullptr);
+  Root("S")->Release();
+  kyStream* s = storage->OpenStream("S", RW);
+  Child(s, "c", 0, "x");
+  Child(s, "d", 0, "y");
+  EXPECT_EQ(storage->StopRecording(), nullptr);  // nothing to stop yet
+  ASSERT_EQ(storage->StartRecording(), 1);
+  CCompRecorder* first = Recorder();
+  unsigned char value[4] = {0x80, 2, 0, 0};
+  Recorder()->OpWrite(value, 4, 0, entry, 1);
+  EXPECT_EQ(storage->StartRecording(), 1);
+  EXPECT_EQ(Recorder(), first);
+  for (kyStream* r : {entry, folder, root}) r->Release();
+  kyStream* fast = storage->OpenOrCreateStreamFast("10000000", 1);
+  ASSERT_NE(fast, nullptr);
+  EXPECT_EQ(-1, fast->Release());  // created, never opened: still leaves
+  ASSERT_TRUE(s->OpenStream("c", RW)->Remove());
+  ASSERT_TRUE(s->Remove());
+  EXPECT_EQ(Stop(),
+            Lines({"enter R 1", "enter F 1", "enter E 0", std::string("write 01 \x80\x02\0\0", 13),
+                   "leave", "leave", "leave", "fast 10000000 1", "leave", "enter S 1", "remove c",
+                   "leave", "enter S 1", "remove d", "leave", "remove S"}));
+  EXPECT_EQ(storage->StopRecording(), nullptr);  // a second stop
+  ASSERT_EQ(storage->StartRecording(), 1);
+  fast = storage->OpenOrCreateStreamFast("Open", 0);
+  Recorder()->OpEnterFast("B", 0, entry);  // stops: a stream is entered
+  ASSERT_NE(fast, nullptr);
+  EXPECT_EQ(-1, fast->Release());
+  EXPECT_EQ(Stop(), Lines());
+  ASSERT_EQ(storage->StartRecording(), 1);
+  fast = storage->OpenOrCreateStreamFast("Open", 0);  // never left
+  EXPECT_EQ(Stop(), Lines());
+  fast->Release();  // records nowhere
+  ASSERT_EQ(storage->StartRecording(), 1);
+  Recorder()->OpRemove("X", nullptr);
+  Close();
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, Recording, ::testing::Bool(), kytest::WidthName);
+
+}  // namespace
