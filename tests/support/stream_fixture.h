@@ -57,6 +57,11 @@ inline Bytes Pattern(size_t n, uint8_t seed) {
 inline Bytes Slice(const Bytes& b, size_t from, size_t to) {
   return Bytes(b.begin() + from, b.begin() + to);
 }
+inline Bytes Concat(const Bytes& a, const Bytes& b) {
+  Bytes out(a);
+  out.insert(out.end(), b.begin(), b.end());
+  return out;
+}
 
 // magic, usedEnd, allocEnd, prevBlock, nextBlock
 typedef std::tuple<uint32_t, int64_t, int64_t, int64_t, int64_t> BlockOnDisk;
