@@ -1,6 +1,8 @@
-// Typed values at a stream's cursor: the exact bytes of every form on a
-// storage stream of either width and on the memory stream, the records
-// they make, reading them back, and short or damaged data.
+// Typed values: the serialization operators on a storage stream of either
+// width and on the memory stream, and entries in a folder and at the root.
+// The exact bytes of every form, the records they make, reading them back,
+// defaults for missing or unfit data, refusals over folders, and values
+// surviving a close and reopen.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +11,7 @@
 #include <vector>
 
 #include "platform/global_mem.h"
-#include "support/stream_fixture.h"
+#include "support/folder_fixture.h"
 
 namespace kytest {
 namespace {
@@ -35,7 +37,7 @@ ValueCase Case(const std::string& name, T value, std::vector<Bytes> pieces) {
           pieces};
 }
 
-Bytes Text(const std::string& s) {
+Bytes Chars(const std::string& s) {
   return Bytes(s.begin(), s.end());
 }
 
@@ -45,11 +47,32 @@ Bytes Joined(const std::vector<Bytes>& pieces) {
   return out;
 }
 
-// A write record as the operators make it: no erase, size prefix set.
-Bytes WriteRecord(const Bytes& data) {
-  Bytes r = {5, 0, 1, 0, 0, 0, 0};
-  Put32(r, 3, static_cast<uint32_t>(data.size()));
-  return Concat(r, data);
+// Records as the recorder writes them.
+Bytes Enter(const std::string& name, uint8_t flag, uint8_t kind = 1) {
+  Bytes r = {kind, static_cast<uint8_t>(name.size()), 0};
+  return Concat(Concat(r, Chars(name)), {flag});
+}
+Bytes Data(Bytes head, const Bytes& data) {
+  Bytes n(4, 0);
+  Put32(n, 0, static_cast<uint32_t>(data.size()));
+  return Concat(Concat(head, n), data);
+}
+Bytes Write(uint8_t erase, uint8_t prefix, const Bytes& data) {
+  return Data({5, erase, prefix}, data);
+}
+Bytes Append(uint8_t prefix, const Bytes& data) {
+  return Data({6, prefix}, data);
+}
+const Bytes kLeave = {3};
+
+// The bytes of a recording; the recorder is deleted.
+Bytes Recorded(CCompRecorder* rec) {
+  unsigned int n = 0;
+  rec->SeekToBegin();
+  const unsigned char* p = rec->PeekAll(&n);
+  const Bytes out(p, p + n);
+  delete rec;
+  return out;
 }
 
 std::vector<ValueCase> Cases() {
@@ -65,11 +88,11 @@ std::vector<ValueCase> Cases() {
            {{8, 7, 6, 5, 4, 3, 2, 1}}),
       Case<const char*, CString>("empty", "", {{0, 0}}),
       Case<const char*, CString>("null", nullptr, {{0, 0}}),
-      Case<const char*, CString>("abc", "abc", {{3, 0}, Text("abc")}),
-      Case<CString, CString>("CString", CString("ab"), {{2, 0}, Text("ab")}),
-      Case<const char*, CString>("65534", s65534.c_str(), {{0xFE, 0xFF}, Text(s65534)}),
+      Case<const char*, CString>("abc", "abc", {{3, 0}, Chars("abc")}),
+      Case<CString, CString>("CString", CString("ab"), {{2, 0}, Chars("ab")}),
+      Case<const char*, CString>("65534", s65534.c_str(), {{0xFE, 0xFF}, Chars(s65534)}),
       Case<const char*, CString>("65535", s65535.c_str(),
-                                 {{0xFF, 0xFF}, {0xFF, 0xFF, 0, 0}, Text(s65535)}),
+                                 {{0xFF, 0xFF}, {0xFF, 0xFF, 0, 0}, Chars(s65535)}),
   };
 }
 
@@ -105,6 +128,7 @@ TEST(MemoryValues, EveryFormHasItsBytesAndReadsBack) {
       EXPECT_EQ(Image([&](kyStream& out) { c.copy(in, out); }), bytes);
     });
   }
+  EXPECT_EQ(Image([](kyStream& m) { m << 7 << "ab"; }), Bytes({7, 0, 0, 0, 2, 0, 'a', 'b'}));
 }
 
 class StreamValues : public StreamTest {};
@@ -121,15 +145,9 @@ TEST_P(StreamValues, EveryFormHasItsBytesAndRecords) {
     const Bytes bytes = Joined(c.pieces);
     EXPECT_EQ(Contents(v, v->GetLength()), bytes);
     v->Release();
-    CCompRecorder* rec = s->StopRecording();
-    Bytes expected = {1, 1, 0, 'v', 0};
-    for (const Bytes& p : c.pieces) expected = Concat(expected, WriteRecord(p));
-    expected.push_back(3);
-    unsigned int n = 0;
-    rec->SeekToBegin();
-    unsigned char* data = rec->PeekAll(&n);
-    EXPECT_EQ(Bytes(data, data + n), expected);
-    delete rec;
+    Bytes expected = Enter("v", 0);
+    for (const Bytes& p : c.pieces) expected = Concat(expected, Write(0, 1, p));
+    EXPECT_EQ(Concat(expected, kLeave), Recorded(s->StopRecording()));
 
     Held<kyStream> r = Hold(s->OpenStream("v", kModeReadShared));
     EXPECT_EQ(Image([&](kyStream& out) { c.copy(*r, out); }), bytes);
@@ -210,21 +228,14 @@ TEST(MemoryStream, ReadsACallersBlock) {
   {
     kyStream2 m(block, 100);
     Bytes buf(100, 0xEE);
-    EXPECT_EQ(30, m.Read(buf.data(), 30));
-    EXPECT_EQ(70, m.Read(buf.data(), 100));
+    const int64_t counts[][2] = {{30, 30}, {100, 70}, {100, 0}, {-5, 0}};
+    for (const auto& c : counts) EXPECT_EQ(c[1], m.Read(buf.data(), c[0]));
     EXPECT_EQ(Bytes({30, 99, 0xEE}), Bytes({buf[0], buf[69], buf[70]}));
-    EXPECT_EQ(0, m.Read(buf.data(), 100));
-    EXPECT_EQ(0, m.Read(buf.data(), -5));
-    EXPECT_EQ(-1, m.Read(nullptr, 5));
     int size = -1;
     EXPECT_EQ(nullptr, kyStream2(block, 100).Detach(size));  // position 0: the block stays
     EXPECT_EQ(0, size);
   }
   GlobalFree(block);  // still the caller's
-}
-
-TEST(MemoryStream, IntAndShortStringExample) {
-  EXPECT_EQ(Image([](kyStream& m) { m << 7 << "ab"; }), Bytes({7, 0, 0, 0, 2, 0, 'a', 'b'}));
 }
 
 // Run under the sanitizer build: every block is freed exactly once.
@@ -254,27 +265,19 @@ TEST(MemoryStream, BlocksBelongToWhoeverHoldsThem) {
 TEST(MemoryStream, FileOperationsFailCleanly) {
   kyStream2 m;
   m << 42;
-  BYTE* buf = reinterpret_cast<BYTE*>(1);
+  BYTE* buf = reinterpret_cast<BYTE*>(&m);
   long long len = 7;
-  const RECT rc = {1, 2, 3, 4};
-  RECT out = {0, 0, 0, 0};
+  RECT rc = {1, 2, 3, 4}, out = {};
   EXPECT_EQ(-1, m.Seek(0, 0));
   EXPECT_EQ(-1, m.Seek(0, 1));
-  EXPECT_EQ(-1, m.Seek2(4, 0));
   EXPECT_FALSE(m.SetLength(0));
-  EXPECT_FALSE(m.Erase());
   EXPECT_EQ(FALSE, m.PrependSize(4));
   EXPECT_EQ(FALSE, m.GetVerifiedDataLength(len));
   EXPECT_EQ(0u, m.CopyStreamToBuffer(buf, FALSE));
   EXPECT_EQ(nullptr, buf);
-  EXPECT_EQ(0, m.SetEntry("k", 1));
-  EXPECT_EQ(0, m.SetEntry("k", "v"));
-  EXPECT_EQ(0, m.SetEntry("k", "AB", 2));
+  EXPECT_EQ(0, m.SetEntry("k", 1) + m.SetEntry("k", "v") + m.SetEntry("k", "AB", 2));
   EXPECT_EQ(5, m.GetEntry("k", 5));
-  EXPECT_EQ(CString("d"), m.GetEntry("k", "d"));
-  EXPECT_EQ(&out, m.GetEntry("k", &out, &rc));
-  EXPECT_EQ(4, out.bottom);
-  EXPECT_EQ(nullptr, m.OpenStream("k", kModeReadShared));
+  EXPECT_EQ(4, m.GetEntry("k", &out, &rc)->bottom);
   EXPECT_FALSE(m.Remove());
   int size = 0;
   void* block = m.Detach(size);
@@ -282,6 +285,297 @@ TEST(MemoryStream, FileOperationsFailCleanly) {
   EXPECT_EQ(42, *static_cast<int*>(block));
   GlobalFree(block);
 }
+
+class EntriesTest : public FolderTest {
+ protected:
+  void SetUp() override {
+    FolderTest::SetUp();
+    folder = storage->CreateStream("Cfg", 1, kModeReadWriteShared);
+    ASSERT_NE(nullptr, folder);
+  }
+  void TearDown() override {
+    if (folder != nullptr) folder->Release();
+    FolderTest::TearDown();
+  }
+  void ReopenAll(DWORD mode, int load) {
+    folder->Release();
+    folder = nullptr;
+    ASSERT_NE(nullptr, Reopen(mode, load));
+    folder = storage->OpenStream("Cfg", mode);
+    ASSERT_NE(nullptr, folder);
+  }
+  // The whole data of entry `key` of a folder or of the storage.
+  template <class P>
+  static Bytes Value(P* owner, const char* key, uint8_t* flags = nullptr) {
+    Held<kyStream> e = Hold(owner->OpenStream(key, kModeReadShared));
+    if (!e) return Bytes({0xBA, 0xD0});
+    if (flags != nullptr) *flags = kyTestAccess::Header(e.get()).Flags();
+    return DataOf(e);
+  }
+
+  kyStream* folder = nullptr;
+};
+
+// One typed setter, called the same way on a folder and on the storage,
+// with what it must write and a check of its getter.
+struct Typed {
+  const char* key;
+  std::function<int(kyStream*)> onFolder;
+  std::function<int(kyStorage*)> onRoot;
+  std::function<bool(kyStream*)> readFolder;
+  std::function<bool(kyStorage*)> readRoot;
+  Bytes bytes;
+};
+template <class Set, class Get>
+Typed Row(const char* key, Set set, Get get, Bytes bytes) {
+  return {key, set, set, get, get, bytes};
+}
+
+TEST_P(EntriesTest, EachOverloadWritesItsWidthAndReadsBack) {
+  // Each call picks the overload of its argument's width.
+  // clang-format off
+  const std::vector<Typed> rows = {
+      Row("i", [](auto* s) { return s->SetEntry("i", 7); },
+               [](auto* s) { return s->GetEntry("i", 0) == 7; }, {7, 0, 0, 0}),
+      Row("d", [](auto* s) { return s->SetEntry("d", static_cast<DWORD>(0xFFFFFFFEu)); },
+               [](auto* s) { return s->GetEntry("d", static_cast<DWORD>(0)) == 0xFFFFFFFEu; },
+          {0xFE, 0xFF, 0xFF, 0xFF}),
+      Row("l", [](auto* s) { return s->SetEntry("l", static_cast<__int64>(-5)); },
+               [](auto* s) { return s->GetEntry("l", static_cast<__int64>(0)) == -5; },
+          {0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
+      Row("u", [](auto* s) { return s->SetEntry("u", static_cast<unsigned __int64>(5)); },
+               [](auto* s) { return s->GetEntry("u", static_cast<unsigned __int64>(0)) == 5u; },
+          {5, 0, 0, 0, 0, 0, 0, 0}),
+      Row("f", [](auto* s) { return s->SetEntry("f", 1.0); },
+               [](auto* s) { return s->GetEntry("f", 0.0) == 1.0; }, {0, 0, 0, 0, 0, 0, 0xF0, 0x3F}),
+      Row("s", [](auto* s) { return s->SetEntry("s", "abc"); },
+               [](auto* s) { return s->GetEntry("s", "x") == CString("abc"); }, {3, 0, 'a', 'b', 'c'}),
+  };
+  // clang-format on
+  for (int load = 0; load < 2; ++load) {
+    for (const Typed& r : rows) {
+      SCOPED_TRACE(r.key);
+      EXPECT_EQ(1, r.onFolder(folder));
+      EXPECT_EQ(1, r.onRoot(storage));
+      EXPECT_EQ(r.bytes, Value(folder, r.key));
+      EXPECT_EQ(r.bytes, Value(storage, r.key));
+    }
+    ReopenAll(kModeReadShared, load);
+    for (const Typed& r : rows) {
+      SCOPED_TRACE(r.key);
+      EXPECT_TRUE(r.readFolder(folder));
+      EXPECT_TRUE(r.readRoot(storage));
+    }
+    ReopenAll(kModeReadWriteShared, 0);
+  }
+  long long pos = 0;  // binds the __int64 forms
+  Held<kyStream> i = Hold(folder->OpenStream("i", kModeReadShared));
+  char buf[10];
+  EXPECT_EQ(4, i->Read(buf, 10LL));
+  EXPECT_EQ(TRUE, i->GetVerifiedDataLength(pos));
+  EXPECT_EQ(4, pos);
+}
+
+TEST_P(EntriesTest, RectSizeAndOverwrites) {
+  RECT rc = {-1, 2, 3, 0x01020304};
+  SIZE sz = {640, -480};
+  ASSERT_EQ(1, folder->SetEntry("r", &rc));
+  ASSERT_EQ(1, folder->SetEntry("z", &sz));
+  EXPECT_EQ(Bytes({0xFF, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0, 3, 0, 0, 0, 4, 3, 2, 1}),
+            Value(folder, "r"));
+  EXPECT_EQ(Bytes({0x80, 2, 0, 0, 0x20, 0xFE, 0xFF, 0xFF}), Value(folder, "z"));
+  EXPECT_EQ(0x01020304, folder->GetEntry("r", &rc, nullptr)->bottom);
+  EXPECT_EQ(-480, folder->GetEntry("z", &sz, nullptr)->cy);
+
+  // Written over the start without cutting: the string's tail stays.
+  ASSERT_EQ(1, folder->SetEntry("k", 7));
+  ASSERT_EQ(1, folder->SetEntry("k", "abc"));
+  EXPECT_EQ(Bytes({3, 0, 'a', 'b', 'c'}), Value(folder, "k"));
+  EXPECT_EQ(0x62610003, folder->GetEntry("k", 0));
+  ASSERT_EQ(1, folder->SetEntry("t", "abcdefgh"));
+  ASSERT_EQ(1, folder->SetEntry("t", 5));
+  EXPECT_EQ(Bytes({5, 0, 0, 0, 'c', 'd', 'e', 'f', 'g', 'h'}), Value(folder, "t"));
+  EXPECT_EQ(std::string("\0\0cde", 5), folder->GetEntry("t", "").str());
+}
+
+TEST_P(EntriesTest, AppendedBuffersPointAtTheNewestValue) {
+  // The entries take over the chains of removed streams, whose old bytes
+  // lie past their length.
+  const Bytes old = Pattern(100, 5);
+  for (kyStream* s : {folder->CreateStream("h", 0, kModeReadWriteShared, 1),
+                      storage->CreateStream("h", 0, kModeReadWriteShared)}) {
+    ASSERT_EQ(100, s->Write(old.data(), 100));
+    ASSERT_TRUE(s->Remove());
+  }
+  for (kyStream* owner : {folder, static_cast<kyStream*>(nullptr)}) {
+    auto set = [&](const char* k, const void* d, DWORD n, bool prefix) {
+      if (owner == nullptr)
+        return prefix ? storage->SetEntry(k, d, n) : storage->SetEntryNoPrefix(k, d, n);
+      return prefix ? owner->SetEntry(k, d, n) : owner->SetEntryNoPrefix(k, d, n);
+    };
+    auto value = [&](const char* k) { return owner ? Value(owner, k) : Value(storage, k); };
+    auto prefix = [&](uint8_t v) { return Concat({v}, Bytes(B64() ? 7 : 3, 0)); };
+    EXPECT_EQ(1, set("h", "AB", 2, true));
+    EXPECT_EQ(Concat(prefix(B64() ? 8 : 4), Chars("AB")), value("h"));
+    EXPECT_EQ(1, set("h", "CD", 2, true));
+    EXPECT_EQ(Concat(prefix(B64() ? 10 : 6), Chars("ABCD")), value("h"));
+    EXPECT_EQ(1, set("n", "AB", 2, false));
+    EXPECT_EQ(1, set("n", "CD", 2, false));
+    EXPECT_EQ(Chars("ABCD"), value("n"));
+    EXPECT_EQ(1, set("zero", "AB", 0, true));
+    EXPECT_EQ(1, set("zero", "AB", 0, false));
+    EXPECT_EQ(Bytes({0xBA, 0xD0}), value("zero"));  // nothing created
+  }
+}
+
+TEST_P(EntriesTest, ErasedOldValuesWithAndWithoutPrefix) {
+  const Bytes ten = Pattern(10, 1);
+  uint8_t flags = 0;
+  ASSERT_EQ(1, folder->SetEntryEraseOld("e", ten.data(), 10, 1));
+  EXPECT_EQ(Concat({10, 0, 0, 0}, ten), Value(folder, "e", &flags));
+  EXPECT_EQ(kSizePrefixFlag, flags);
+  void* data = nullptr;
+  unsigned int size = 0;
+  ASSERT_EQ(1, folder->GetEntryErasedOld("e", &data, &size));
+  ASSERT_EQ(10u, size);
+  EXPECT_EQ(ten, Bytes(static_cast<BYTE*>(data), static_cast<BYTE*>(data) + size));
+  GlobalFree(data);
+  // The caller's buffer: larger than the value refused, smaller reads its start.
+  Bytes buf(11, 0xEE);
+  EXPECT_EQ(0, folder->GetEntryErasedOld("e", buf.data(), 11));
+  EXPECT_EQ(Bytes(11, 0xEE), buf);
+  EXPECT_EQ(1, folder->GetEntryErasedOld("e", buf.data(), 4));
+  EXPECT_EQ(Slice(ten, 0, 4), Slice(buf, 0, 4));
+
+  ASSERT_EQ(1, folder->SetEntryEraseOld("e", "xyz", 3, 1));
+  EXPECT_EQ(Bytes({3, 0, 0, 0, 'x', 'y', 'z'}), Value(folder, "e"));
+  // Without the prefix the mark stays: the first 4 bytes no longer match.
+  ASSERT_EQ(1, folder->SetEntryEraseOld("e", "xyz", 3, 0));
+  data = &size;
+  EXPECT_EQ(0, folder->GetEntryErasedOld("e", &data, &size));
+  EXPECT_EQ(nullptr, data);
+  EXPECT_EQ(0u, size);
+  EXPECT_EQ(0, folder->GetEntryErasedOld("e", buf.data(), 1));
+  // Root entries, and a value without the mark.
+  ASSERT_EQ(1, storage->SetEntryEraseOld("p", "abcd", 4, 0));
+  ASSERT_EQ(1, storage->GetEntryErasedOld("p", &data, &size));
+  EXPECT_EQ(Chars("abcd"), Bytes(static_cast<BYTE*>(data), static_cast<BYTE*>(data) + size));
+  GlobalFree(data);
+  EXPECT_EQ(0, storage->GetEntryErasedOld("missing", &data, &size));
+}
+
+TEST_P(EntriesTest, GettersGiveDefaults) {
+  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, kModeReadWriteShared, 1));
+  ASSERT_TRUE(sub);
+  for (const std::string& data :
+       std::vector<std::string>{"\x01", "\x01\x02", std::string("\x01\0\0\0\x02\0\0\0", 8)}) {
+    const std::string key = "b" + std::to_string(data.size());
+    Held<kyStream> e = Hold(folder->CreateStream(key.c_str(), 0, kModeReadWriteShared, 1));
+    ASSERT_EQ(static_cast<int64_t>(data.size()), e->Write(data.data(), data.size()));
+  }
+  const RECT def = {9, 9, 9, 9};
+  const SIZE sdef = {7, 7};
+  for (const char* key : {"missing", "sub", "b1", "b2"}) {
+    SCOPED_TRACE(key);
+    RECT rc = {};
+    SIZE sz = {};
+    EXPECT_EQ(42, folder->GetEntry(key, 42));
+    EXPECT_EQ(42u, folder->GetEntry(key, 42u));
+    EXPECT_EQ(2.5, folder->GetEntry(key, 2.5));
+    EXPECT_EQ(-3, folder->GetEntry(key, static_cast<__int64>(-3)));
+    EXPECT_EQ(9, folder->GetEntry(key, &rc, &def)->left);
+    EXPECT_EQ(7, folder->GetEntry(key, &sz, &sdef)->cx);
+    EXPECT_EQ(42, storage->GetEntry(key, 42));
+  }
+  EXPECT_EQ(CString("dflt"), folder->GetEntry("missing", "dflt"));
+  EXPECT_EQ(CString("dflt"), folder->GetEntry("sub", "dflt"));
+  EXPECT_EQ(CString(""), folder->GetEntry("missing", nullptr));
+  EXPECT_EQ(CString(""), folder->GetEntry("b1", "dflt"));  // no whole length: empty
+  // Too short for a RECT: the default, or the bytes read without one.
+  RECT rc = {5, 5, 5, 5};
+  EXPECT_EQ(9, folder->GetEntry("b8", &rc, &def)->top);
+  rc = {5, 5, 5, 5};
+  EXPECT_EQ(&rc, folder->GetEntry("b8", &rc, nullptr));
+  EXPECT_EQ(2, rc.top);
+  EXPECT_EQ(5, rc.right);
+  EXPECT_EQ(1, kyTestAccess::Children(folder).GetCount());  // `sub` only: the getters released
+}
+
+TEST_P(EntriesTest, FastEntriesSeeOnlyTheFastSlots) {
+  ASSERT_EQ(1, storage->SetEntry("n", 1));
+  ASSERT_EQ(1, storage->SetEntryFast("f", 2.5));
+  ASSERT_EQ(1, storage->SetEntryFast("s", "fast"));
+  EXPECT_EQ(9, storage->GetEntryFast("n", 9));
+  EXPECT_EQ(1, storage->GetEntry("n", 9));
+  EXPECT_EQ(2.5, storage->GetEntryFast("f", 0.0));
+  EXPECT_EQ(CString("fast"), storage->GetEntryFast("s", ""));
+  ReopenAll(kModeReadShared, 1);
+  EXPECT_EQ(2.5, storage->GetEntryFast("f", 0.0));
+  EXPECT_EQ(2.5, storage->GetEntry("f", 0.0));
+}
+
+// A setter whose key names a folder writes nothing and records nothing.
+TEST_P(EntriesTest, SettersRefuseFolders) {
+  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, kModeReadWriteShared, 1));
+  ASSERT_TRUE(sub);
+  Held<kyStream>(sub->CreateStream("child", 0, kModeReadWriteShared, 1));
+  sub.reset();
+  Held<kyStream>(storage->CreateStreamFast("ff", 1, kModeReadWriteShared));
+  const Bytes before = ReadAll(path);
+  ASSERT_EQ(1, storage->StartRecording());
+  RECT rc = {1, 2, 3, 4};
+  const std::vector<std::function<int()>> setters = {
+      [&] { return folder->SetEntry("sub", 7); },
+      [&] { return folder->SetEntry("sub", "text"); },
+      [&] { return folder->SetEntry("sub", &rc); },
+      [&] { return folder->SetEntry("sub", "AB", 2); },
+      [&] { return folder->SetEntryNoPrefix("sub", "AB", 2); },
+      [&] { return folder->SetEntryEraseOld("sub", "AB", 2, 1); },
+      [&] { return storage->SetEntry("Cfg", 1.0); },
+      [&] { return storage->SetEntryEraseOld("Cfg", "AB", 2, 0); },
+      [&] { return storage->SetEntryFast("ff", 7); },
+  };
+  for (const auto& set : setters) EXPECT_EQ(0, set());
+  EXPECT_EQ(Bytes(), Recorded(storage->StopRecording()));
+  EXPECT_EQ(before, ReadAll(path));
+}
+
+TEST_P(EntriesTest, SettersRecordBeforeTheyWrite) {
+  RECT rc = {1, 2, 3, 4};
+  auto inCfg = [](const Bytes& r) {
+    return Concat(Concat(Concat(Enter("Cfg", 1), Enter("k", 0)), r), {3, 3});
+  };
+  auto atRoot = [](const char* k, uint8_t kind, const Bytes& r) {
+    return Concat(Concat(Enter(k, 0, kind), r), kLeave);
+  };
+  const Bytes seven = {7, 0, 0, 0};
+  struct {
+    std::function<int()> set;
+    Bytes records;
+  } rows[] = {
+      {[&] { return folder->SetEntry("k", 7); }, inCfg(Write(0, 1, seven))},
+      {[&] { return folder->SetEntry("k", &rc); },
+       inCfg(Write(0, 1, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0}))},
+      {[&] { return folder->SetEntry("k", ""); }, inCfg(Write(0, 1, {0, 0}))},
+      {[&] { return folder->SetEntry("k", "ab"); },
+       inCfg(Concat(Write(0, 1, {2, 0}), Write(0, 1, Chars("ab"))))},
+      {[&] { return folder->SetEntry("k", "AB", 2); }, inCfg(Append(1, Chars("AB")))},
+      {[&] { return folder->SetEntryNoPrefix("k", "AB", 2); }, inCfg(Append(0, Chars("AB")))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 1); }, inCfg(Write(1, 1, Chars("AB")))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 0); }, inCfg(Write(1, 0, Chars("AB")))},
+      {[&] { return storage->SetEntry("k", 7); }, atRoot("k", 1, Write(0, 1, seven))},
+      {[&] { return storage->SetEntryFast("q", 7); }, atRoot("q", 2, Write(0, 1, seven))},
+  };
+  for (const auto& r : rows) {
+    ASSERT_EQ(1, storage->StartRecording());
+    EXPECT_EQ(1, r.set());
+    folder->Release();  // leaves Cfg when it was entered
+    EXPECT_EQ(r.records, Recorded(storage->StopRecording()));
+    folder = storage->OpenStream("Cfg", kModeReadWriteShared);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, EntriesTest, ::testing::Bool(), WidthName);
 
 }  // namespace
 }  // namespace kytest
