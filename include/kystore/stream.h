@@ -128,9 +128,10 @@ class kyStream {
   int SetEntry(const char* szKey, RECT* value);
   // The string form of operator<<.
   int SetEntry(const char* szKey, const char* value);
-  // Appends `size` bytes behind every value appended before and points the
-  // offset prefix at the start of the entry (4 bytes with 32-bit offsets, 8
-  // with 64-bit) at them.  Size 0 returns 1 and touches nothing.
+  // Appends `size` bytes behind the values appended before; the offset
+  // prefix at the start of the entry (4 bytes with 32-bit offsets, 8 with
+  // 64-bit) holds where this newest value begins.  Size 0 returns 1 and
+  // touches nothing.
   int SetEntry(const char* szKey, const void* data, DWORD size);
   // Appends `size` bytes with no prefix.  Size 0 returns 1.
   int SetEntryNoPrefix(const char* szKey, const void* data, DWORD size);
