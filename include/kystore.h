@@ -6,6 +6,7 @@
 
 #include "kystore/format.h"
 #include "kystore/map_sort.h"
+#include "kystore/memory_stream.h"
 #include "kystore/open_stream.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"

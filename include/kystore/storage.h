@@ -151,6 +151,46 @@ class kyStorage {
   // offset.dwDuration) and returns 1, or returns 0 at the end.
   int IterateSortedStreamsNoOPENS(CIterateSortedStreams* it);
 
+  // --- entries: typed values kept as root streams -------------------------
+  // The same value forms as kyStream's entries (see stream.h), each kept
+  // in the root stream named by its key.  Setters open the stream with
+  // OpenOrCreateStream(szKey, 0) and write through the serialization
+  // operators; they return 1, or 0 when the stream cannot be opened or
+  // created or the key names a folder (left untouched).  Getters open it
+  // with 0x12 and never fail.  The Fast forms look only at the six fast
+  // slots and create there (SetEntryFast is recorded as a fast enter).
+  int SetEntry(const char* szKey, int value);
+  int SetEntry(const char* szKey, DWORD value);
+  int SetEntry(const char* szKey, double value);
+  int SetEntry(const char* szKey, __int64 value);
+  int SetEntry(const char* szKey, unsigned __int64 value);
+  int SetEntry(const char* szKey, const char* value);
+  int SetEntry(const char* szKey, const void* data, DWORD size);
+  int SetEntryNoPrefix(const char* szKey, const void* data, DWORD size);
+  int SetEntryEraseOld(const char* szKey, const void* data, DWORD size, int bPrependSize);
+
+  int GetEntry(const char* szKey, int def);
+  DWORD GetEntry(const char* szKey, DWORD def);
+  double GetEntry(const char* szKey, double def);
+  __int64 GetEntry(const char* szKey, __int64 def);
+  unsigned __int64 GetEntry(const char* szKey, unsigned __int64 def);
+  CString GetEntry(const char* szKey, const char* def);
+  int GetEntryErasedOld(const char* szKey, void** data, unsigned int* size);
+  int GetEntryErasedOld(const char* szKey, void* data, unsigned int size);
+
+  int SetEntryFast(const char* szKey, int value);
+  int SetEntryFast(const char* szKey, DWORD value);
+  int SetEntryFast(const char* szKey, double value);
+  int SetEntryFast(const char* szKey, __int64 value);
+  int SetEntryFast(const char* szKey, unsigned __int64 value);
+  int SetEntryFast(const char* szKey, const char* value);
+  int GetEntryFast(const char* szKey, int def);
+  DWORD GetEntryFast(const char* szKey, DWORD def);
+  double GetEntryFast(const char* szKey, double def);
+  __int64 GetEntryFast(const char* szKey, __int64 def);
+  unsigned __int64 GetEntryFast(const char* szKey, unsigned __int64 def);
+  CString GetEntryFast(const char* szKey, const char* def);
+
   // --- recording ---------------------------------------------------------
 
   // Starts recording into a new recorder (1), or goes on with the current
@@ -233,6 +273,12 @@ class kyStorage {
   kyStream* CreateInSlot(const char* name, DWORD dwType, DWORD mode, __int64 blockOffset,
                          const DirectoryBlock& block, __int64 index);
   __int64 AppendDirectoryBlock(__int64 lastBlock);
+
+  // Entries: the root stream of a key opened for a setter (null for a
+  // folder, which is released unrecorded), in the fast slots or anywhere.
+  kyStream* OpenEntryForWrite(const char* szKey, bool bFast);
+  // The root stream of a key opened for a getter, or null.
+  kyStream* OpenEntryForRead(const char* szKey, bool bFast);
 
   __int64 m_memPos;
   int m_bSortStreams;

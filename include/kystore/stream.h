@@ -25,6 +25,7 @@
 #include "platform/win_types.h"
 
 class kyStorage;
+class CCompRecorder;
 
 typedef CMapSort<CString, const char*, t_kyStreamWithOffset, t_kyStreamWithOffset> t_kyChildMap;
 
@@ -71,6 +72,95 @@ class kyStream {
   // with `buf` null on failure.
   DWORD CopyStreamToBuffer(BYTE*& buf, BOOL bSkipPrefix);
   void FreeBuffer(BYTE*& buf);
+
+  // --- typed values at the cursor -----------------------------------------
+  // Numbers are written as their little-endian bytes: WORD 2, int and DWORD
+  // 4, double (its IEEE bits), __int64 and unsigned __int64 8.  A string is
+  // a WORD length n when n < 0xFFFF, else the WORD 0xFFFF and a DWORD n,
+  // then its n characters without a terminator; a null pointer writes the
+  // empty string, and a CString stops at its first NUL as a char* does.
+  // The operators go through the virtual Read and Write, so they serve
+  // every stream class, and report nothing: a failed write of a string's
+  // length writes nothing more.  While the storage records, each write is
+  // announced to its recorder (numbers before they are written; a string's
+  // length after it is written, its characters before).
+  kyStream& operator<<(WORD value);
+  kyStream& operator<<(int value);
+  kyStream& operator<<(DWORD value);
+  kyStream& operator<<(double value);
+  kyStream& operator<<(__int64 value);
+  kyStream& operator<<(unsigned __int64 value);
+  kyStream& operator<<(const char* value);
+  kyStream& operator<<(const CString& value);
+
+  // A short read leaves the bytes of the value that did not come as they
+  // were.  A string whose length cannot be read comes back empty.  One
+  // whose characters come short holds the bytes that came, padded with NULs
+  // to the announced length when the stream could hold that many bytes (a
+  // storage stream: the file's size; a memory stream: its block), and only
+  // the bytes that came otherwise; nothing is allocated ahead of the bytes
+  // that arrive.  At most 0x7FFFFFFE characters are read.
+  kyStream& operator>>(WORD& value);
+  kyStream& operator>>(int& value);
+  kyStream& operator>>(DWORD& value);
+  kyStream& operator>>(double& value);
+  kyStream& operator>>(__int64& value);
+  kyStream& operator>>(unsigned __int64& value);
+  kyStream& operator>>(CString& value);
+
+  // --- entries: typed values kept as the children of this folder ----------
+  // An entry is a data stream named by its key (1 to 60 characters) whose
+  // data begin with the value.  Setters open the child with 0x16, or
+  // create it, write and release it; they return 1, or 0 when this is not a
+  // folder, the key is invalid, the child cannot be opened or created, or
+  // the key names a folder (which is left untouched).  A fixed-width value
+  // is written over the start of the entry without cutting a longer old
+  // value.  Getters open the child with 0x12 and never fail: a missing key,
+  // a folder, or data too short for the value give the default.
+  int SetEntry(const char* szKey, int value);
+  int SetEntry(const char* szKey, DWORD value);
+  int SetEntry(const char* szKey, double value);
+  int SetEntry(const char* szKey, __int64 value);
+  int SetEntry(const char* szKey, unsigned __int64 value);
+  // 8 bytes: cx, cy.
+  int SetEntry(const char* szKey, SIZE* value);
+  // 16 bytes: left, top, right, bottom.
+  int SetEntry(const char* szKey, RECT* value);
+  // The string form of operator<<.
+  int SetEntry(const char* szKey, const char* value);
+  // Appends `size` bytes behind the values appended before; the offset
+  // prefix at the start of the entry (4 bytes with 32-bit offsets, 8 with
+  // 64-bit) holds where this newest value begins.  Size 0 returns 1 and
+  // touches nothing.
+  int SetEntry(const char* szKey, const void* data, DWORD size);
+  // Appends `size` bytes with no prefix.  Size 0 returns 1.
+  int SetEntryNoPrefix(const char* szKey, const void* data, DWORD size);
+  // Replaces the entry's data with `size` bytes, preceded by a DWORD size
+  // prefix (and the header's size-prefix mark) when bPrependSize.  Size 0
+  // returns 1; 0 also when the prefix or the data cannot be written.
+  int SetEntryEraseOld(const char* szKey, const void* data, DWORD size, int bPrependSize);
+
+  int GetEntry(const char* szKey, int def);
+  DWORD GetEntry(const char* szKey, DWORD def);
+  double GetEntry(const char* szKey, double def);
+  __int64 GetEntry(const char* szKey, __int64 def);
+  unsigned __int64 GetEntry(const char* szKey, unsigned __int64 def);
+  // Fill *out and return it.  When fewer bytes than the value's come, *out
+  // gets *def, or keeps what the read put there when def is null.
+  RECT* GetEntry(const char* szKey, RECT* out, const RECT* def);
+  SIZE* GetEntry(const char* szKey, SIZE* out, const SIZE* def);
+  // The stored string (empty when its length cannot be read), or `def`
+  // (empty when null) for a missing key or a folder.
+  CString GetEntry(const char* szKey, const char* def);
+  // A value written by SetEntryEraseOld, in a new buffer the caller frees
+  // with GlobalFree (null for an empty value).  1 on success; 0 with *data
+  // null and *size 0 for a missing key, a size prefix that does not match,
+  // a value of 4 GiB or more, or a short read.
+  int GetEntryErasedOld(const char* szKey, void** data, unsigned int* size);
+  // Reads the first `size` bytes of such a value into `data`: 1, or 0 when
+  // the value is missing, has fewer than `size` bytes or its prefix does
+  // not match.
+  int GetEntryErasedOld(const char* szKey, void* data, unsigned int size);
 
   // --- accessors (no file access) -----------------------------------------
 
@@ -193,6 +283,10 @@ class kyStream {
   BOOL ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead, OVERLAPPED* overlapped);
   __int64 SetFilePointer(HANDLE hFile, __int64 distance, DWORD method);
 
+  // Most bytes this stream's data could hold: a length read from the data
+  // beyond it cannot be true.  For a storage stream the file's size.
+  virtual __int64 MostBytesHeld();
+
   HANDLE m_hFile;
   kyStorage* m_pStorage;
   kyStream* m_pParent;
@@ -304,6 +398,32 @@ class kyStream {
 
   // Root directory walk.
   bool ReadNextRootSlot(t_kyStreamU& next, tag_kyStreamOffset& where);
+
+  // Serialization helpers.
+  CCompRecorder* Recorder() const;
+  kyStream& PutNumber(const void* value, DWORD width);
+  kyStream& GetNumber(void* value, DWORD width);
+
+  // Entries of this folder: the child `szKey` opened for a setter (null
+  // when it cannot be, or is a folder, which is released untouched), or for
+  // a getter.
+  kyStream* OpenEntryForWrite(const char* szKey);
+  kyStream* OpenEntryForRead(const char* szKey);
+  // The value forms.  Each takes an entry stream opened for it (null gives
+  // the failure result), records what it writes first, and releases it.
+  static int PutFixedValue(kyStream* entry, const void* value, DWORD width);
+  static int PutStringValue(kyStream* entry, const char* value);
+  static int AppendValue(kyStream* entry, const void* data, DWORD size, bool bWithPrefix);
+  static int PutErasingOld(kyStream* entry, const void* data, DWORD size, int bPrependSize);
+  // False when not all `width` bytes came, or the entry is a folder.
+  static bool GetFixedValue(kyStream* entry, void* out, DWORD width);
+  static CString GetStringValue(kyStream* entry, const char* def);
+  static int GetErasedOld(kyStream* entry, void** data, unsigned int* size);
+  static int GetErasedOld(kyStream* entry, void* data, unsigned int size);
+  // Whether the stream carries the folder bit: entries never write into it.
+  bool HoldsChildren() const { return (m_hdr.Flags() & kFolderFlag) != 0; }
+  // The cursor to the end of the data, walked from the start.
+  bool SeekToDataEnd();
 };
 
 #endif  // KYSTORE_STREAM_H_
