@@ -84,8 +84,8 @@ int kyStorage::RebuildFile(kyStorage* old, const char* target, RecreateProgress 
 
 // The root streams go over in the order the name-map walk delivers them.
 // A stream missing from the map (a storage opened with OpenFast, two slots
-// of one name) would be lost, so the walk must deliver as many streams as
-// the directory holds.
+// of one name, a named slot whose header magic is damaged) would be lost,
+// so the walk must deliver as many streams as the directory has names.
 bool kyStorage::CopyRootStreams(kyStorage* fresh, RecreateProgress progress, void* context) {
   const int total = static_cast<int>(m_streamMap.GetCount());
   if (CountRootSlots() != total) return false;
@@ -128,7 +128,7 @@ __int64 kyStorage::CountRootSlots() {
     for (__int64 i = 0; i < UsableSlots(block); ++i) {
       t_kyStreamU slot;
       CopyDirectorySlot(block, i, b64, slot);
-      if (slot.Magic() == kStreamHeaderMagic && !slot.IsFree()) ++used;
+      if (!slot.IsFree()) ++used;
     }
   }
   return step == 0 ? used : -1;

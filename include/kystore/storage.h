@@ -284,8 +284,8 @@ class kyStorage {
   static int RebuildFile(kyStorage* old, const char* target, RecreateProgress progress,
                          void* context);
   bool CopyRootStreams(kyStorage* fresh, RecreateProgress progress, void* context);
-  // Used root slots on disk (every name, duplicates too); -1 when the
-  // directory cannot be read to its end.
+  // Root slots on disk that carry a name (duplicates and damaged headers
+  // too); -1 when the directory cannot be read to its end.
   __int64 CountRootSlots();
   // Whether `copy` holds everything `original` holds (recording/tree_compare.cpp).
   static bool SameTree(kyStream* original, kyStream* copy, BYTE* bufA, BYTE* bufB);
