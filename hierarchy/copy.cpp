@@ -46,6 +46,12 @@ bool CopyChildInto(kyStream* child, kyStream* dst) {
 bool kyStream::CopyStream(kyStream* dst) {
   // Copying a stream onto itself would erase it first.
   if (dst == nullptr || IsSameStream(dst)) return false;
+  // The size-prefix mark tells how the data are laid out, so it goes with
+  // them; the erase writes it out with the header.  A folder's flags stay.
+  if ((dst->m_hdr.Flags() & kFolderFlag) == 0) {
+    dst->m_hdr.Flags() = static_cast<BYTE>((dst->m_hdr.Flags() & ~kSizePrefixFlag) |
+                                           (m_hdr.Flags() & kSizePrefixFlag));
+  }
   dst->Erase();
   const __int64 length = GetLength();
   if (length <= 0) return false;

@@ -26,6 +26,9 @@
 #define FILE_FLAG_RANDOM_ACCESS 0x10000000u
 #define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFu
 
+#define MOVEFILE_REPLACE_EXISTING 0x00000001u
+#define MOVEFILE_WRITE_THROUGH 0x00000008u
+
 #define FILE_BEGIN 0u
 #define FILE_CURRENT 1u
 #define FILE_END 2u
@@ -71,6 +74,29 @@ struct FileIdentity {
 // handle or when the system cannot tell.
 BOOL GetFileIdentity(HANDLE file, FileIdentity* id);
 BOOL CloseHandle(HANDLE file);
+
+// Flushes the file's data and metadata to the disk (fsync).  FALSE when the
+// system reports that they could not all be written.
+BOOL FlushFileBuffers(HANDLE file);
+
+// Gives `existingFile` the name `newFile` in one step (rename(2)): whatever
+// happens, `newFile` names either what it named before or the whole moved
+// file.  Without MOVEFILE_REPLACE_EXISTING an existing `newFile` is refused.
+// With MOVEFILE_WRITE_THROUGH the file is flushed to the disk before the
+// rename and its directory after it, so that the move outlives a crash once
+// the call returns.  Both names must lie on one file system.  FALSE when the
+// file was not moved, or when the flush after the move failed.
+BOOL MoveFileExA(LPCSTR existingFile, LPCSTR newFile, DWORD flags);
+
+// Not a Win32 call: gives `target` the permission bits of `source` and, where
+// the system allows it, its owner and group.  FALSE when the permission bits
+// could not be set.
+BOOL CopyFilePermissions(LPCSTR source, LPCSTR target);
+
+// Not a Win32 call: the path of the file itself that `path` reaches through
+// symbolic links and relative parts, into `out` (MAX_PATH bytes).  FALSE
+// when the file does not exist or its path does not fit.
+BOOL ResolveFilePath(LPCSTR path, char* out);
 
 // Copies a regular file; with failIfExists the target must not exist.
 BOOL CopyFileA(LPCSTR existingFile, LPCSTR newFile, BOOL failIfExists);

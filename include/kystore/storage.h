@@ -26,6 +26,11 @@ class CCompRecorder;
 
 typedef CMapSort<CString, const char*, tag_kyStreamOffset, tag_kyStreamOffset> t_kyStreamMap;
 
+// Progress of a rebuild (kyStorage::Recreate): `done` root streams of
+// `total` have been copied.  Called once with done 0 before the first copy
+// and once after each root stream; `context` is the caller's own.
+typedef void (*RecreateProgress)(int done, int total, void* context);
+
 // State of a sorted walk over the root streams that opens nothing
 // (kyStorage::IterateSortedStreamsNoOPENS).  Owned by the caller.
 class CIterateSortedStreams {
@@ -201,6 +206,46 @@ class kyStorage {
   // Null when the storage was not recording.
   CCompRecorder* StopRecording();
 
+  // Applies the records of a recording (CCompRecorder::Detach) to this
+  // storage, in order, and returns how many were applied.  The replay ends
+  // at the end of the buffer, at a record cut short or malformed, at an
+  // enter that cannot open or create its stream (or would nest more than 32
+  // streams deep), and at a leave, write or append with no stream entered;
+  // that record is not counted.  A removal of a missing stream counts and
+  // changes nothing; failed writes count too.  The changes made stay.  The
+  // buffer is only read: neither copied, changed nor freed.  Every stream
+  // the replay opened is released before it returns.  0 for a null buffer
+  // or length 0.
+  int ReplayRecording(unsigned char* buf, DWORD len);
+
+  // --- rebuild -------------------------------------------------------------
+
+  // Rebuilds the storage file `name` compactly: every root stream with all
+  // it holds is copied into a fresh storage under the name `name` + "_tmp"
+  // (an existing file of that name is replaced), and that file, flushed to
+  // the disk, is renamed over `name` in one atomic step.  Removed streams
+  // and their blocks are gone; durations become 0 and the settings are those
+  // of a new file (offset width from g_bUse64BitOffsets); the permission
+  // bits stay.  The file is replaced only by a copy checked to hold every
+  // stream with its kind, size-prefix mark, length and bytes: when a stream
+  // cannot be copied, or the old tree cannot be walked to its end (damage),
+  // the temporary file is deleted and `name` stays as it was.  A crash at
+  // any moment leaves either the old file or the new one, whole.
+  // 1 when the file was rebuilt; 0 when it could not be opened, the
+  // temporary storage could not be created, or the rebuild failed.
+  static int Recreate(const char* name);
+  // The same, reporting progress to `progress` (may be null).
+  static int Recreate(const char* name, RecreateProgress progress, void* context);
+  // Rebuilds the file `name` that `pStg` has open, copying from `pStg`, and
+  // returns a new storage opened on the result with mode 0x16 (null when
+  // that open fails).  `pStg` is released and must not be used again,
+  // except when nothing was done: when the temporary storage cannot be
+  // created, or `name` is not the file `pStg` has open, `pStg` itself is
+  // returned unchanged.  When the rebuild fails the returned storage is
+  // opened on the untouched old file.  Release every stream of `pStg`
+  // first.
+  static kyStorage* Recreate(kyStorage* pStg, const char* name);
+
   // --- settings read at the moment of use --------------------------------
 
   static int g_bUse64BitOffsets;     // width of new files: nonzero 64-bit, 0 32-bit
@@ -265,6 +310,27 @@ class kyStorage {
   t_OpenStream* IsStreamOpen(const char* name);
   t_OpenStream* AddNewOpenStream(const char* name, DWORD mode);
   int CloseStream(const char* name);
+
+  // Replay.  `entered` holds the streams entered so far, outermost first.
+  bool ReplayRecord(int op, const char* name, unsigned char* data, DWORD n, kyStream** entered,
+                    int& depth);
+  void ReplayRemove(const char* name, kyStream** entered, int depth);
+  static void ReplayWrite(kyStream* top, const char* flags, const unsigned char* data, DWORD n);
+
+  // Rebuild.  RebuildFile copies `old` into a fresh file and puts it in
+  // place of `target`: 1 done, 0 failed (old file untouched), -1 nothing
+  // done because the temporary storage could not be created.  `old` is
+  // released unless the result is -1.
+  static int RebuildFile(kyStorage* old, const char* target, RecreateProgress progress,
+                         void* context);
+  bool CopyRootStreams(kyStorage* fresh, RecreateProgress progress, void* context);
+  // Root slots on disk that carry a name (duplicates and damaged headers
+  // too); -1 when the directory cannot be read to its end.
+  __int64 CountRootSlots();
+  // Whether `copy` holds everything `original` holds (recording/tree_compare.cpp).
+  static bool SameTree(kyStream* original, kyStream* copy, BYTE* bufA, BYTE* bufB);
+  static bool SameData(kyStream* original, kyStream* copy, BYTE* bufA, BYTE* bufB);
+  static bool SameChildren(kyStream* original, kyStream* copy, BYTE* bufA, BYTE* bufB);
 
   // Root stream creation.
   kyStream* CreateStreamHelper(const char* name, DWORD dwType, DWORD mode, bool bFast,

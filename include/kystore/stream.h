@@ -263,9 +263,10 @@ class kyStream {
   // Renames the stream (1 to 60 characters kept).  False without the write
   // bit, for an empty name, or when the header cannot be written.
   bool Rename(const char* newName);
-  // Erases `dst` and copies this stream's data from its cursor into it.
-  // False for an empty source, for `dst` being this same stream, or when a
-  // read or write comes short (`dst` then holds what was copied).
+  // Erases `dst` and copies this stream's data from its cursor into it,
+  // with the size-prefix mark (set on `dst` when this stream has it, cleared
+  // otherwise; a folder `dst` keeps its flags).  False for an empty source, for `dst` being this
+  // same stream, or when a read or write comes short (`dst` then holds what was copied).
   bool CopyStream(kyStream* dst);
   // Copies this folder's children into `dst` (of any storage), merging:
   // children of the same kind are overwritten, of the other kind replaced.
