@@ -7,6 +7,7 @@
 #include "kystore/format.h"
 #include "kystore/map_sort.h"
 #include "kystore/open_stream.h"
+#include "kystore/path_loader.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
 #include "kystore/stream.h"
