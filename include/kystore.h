@@ -11,5 +11,6 @@
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
 #include "kystore/stream.h"
+#include "kystore/tolvar_file.h"
 
 #endif  // KYSTORE_H_
