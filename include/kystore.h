@@ -5,11 +5,15 @@
 #define KYSTORE_H_
 
 #include "kystore/format.h"
+#include "kystore/hash_words.h"
 #include "kystore/map_sort.h"
 #include "kystore/memory_stream.h"
 #include "kystore/open_stream.h"
+#include "kystore/path_loader.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
 #include "kystore/stream.h"
+#include "kystore/stream_file.h"
+#include "kystore/tolvar_file.h"
 
 #endif  // KYSTORE_H_

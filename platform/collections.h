@@ -1,4 +1,5 @@
-// Framework-style containers: CObject, CList, CArray and CStringArray.
+// Framework-style containers: CList, CArray, CStringArray, CPtrArray and
+// CTypedPtrArray.
 //
 // Only what the library and its callers use is here.  Positions are opaque
 // pointers to list nodes; they stay valid until that node is removed.
@@ -8,22 +9,12 @@
 #include <utility>
 #include <vector>
 
+#include "cobject.h"
 #include "cstring.h"
 #include "win_types.h"
 
 struct PositionTag;
 typedef PositionTag* POSITION;
-
-// Root of the framework's class tree.  Serialization and diagnostics do
-// nothing here; the class exists so that derived classes keep their shape.
-class CObject {
- public:
-  CObject() = default;
-  CObject(const CObject&) = default;
-  CObject& operator=(const CObject&) = default;
-  virtual ~CObject() = default;
-  virtual void AssertValid() const {}
-};
 
 // Doubly linked list.  `blockSize` is accepted for the framework's signature;
 // nodes are allocated one by one.
@@ -149,5 +140,19 @@ class CArray : public CObject {
 };
 
 class CStringArray : public CArray<CString, const char*> {};
+
+class CPtrArray : public CArray<void*, void*> {};
+
+// A pointer array over BASE (CPtrArray) whose elements are all of type TYPE.
+// Elements are read by value; they are changed only through SetAt.
+template <class BASE, class TYPE>
+class CTypedPtrArray : public BASE {
+ public:
+  TYPE GetAt(int i) const { return static_cast<TYPE>(BASE::GetAt(i)); }
+  TYPE operator[](int i) const { return GetAt(i); }
+  void SetAt(int i, TYPE p) { BASE::SetAt(i, p); }
+  int Add(TYPE p) { return BASE::Add(p); }
+  int GetUpperBound() const { return BASE::GetSize() - 1; }
+};
 
 #endif  // KYSTORE_PLATFORM_COLLECTIONS_H_

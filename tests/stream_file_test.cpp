@@ -1,0 +1,105 @@
+// The file-class adapter over a stream, its run-time class record, and the
+// hash word helpers.
+
+#include <gtest/gtest.h>
+
+#include "support/root_fixture.h"
+
+namespace {
+
+using namespace kytest;
+
+// Without a stream everything is empty or fails; the class record.
+TEST(StreamFile, WithoutAStreamAndItsClass) {
+  CKyStreamFile file;
+  char buf[4] = {'u', 'n', 't', 'o'};
+  EXPECT_EQ(0u, file.Read(buf, 4));
+  file.Write(buf, 4);
+  EXPECT_EQ(0, file.GetLength());
+  EXPECT_EQ(CString(), file.GetStorageName());
+  EXPECT_EQ(-1, file.Seek(0, 0));
+  EXPECT_EQ(nullptr, file.Duplicate());
+  CFile& base = file;  // CFile's own 64-bit operations: no file behind them
+  EXPECT_EQ(0u, base.Seek(100, CFile::begin));
+
+  const CRuntimeClass* cls = file.GetRuntimeClass();
+  EXPECT_EQ(RUNTIME_CLASS(CKyStreamFile), cls);
+  EXPECT_STREQ("CKyStreamFile", cls->m_lpszClassName);
+  EXPECT_EQ(0xFFFFu, cls->m_wSchema);
+  EXPECT_EQ(nullptr, cls->m_pfnCreateObject);
+  EXPECT_EQ(RUNTIME_CLASS(CFile), CKyStreamFile::_GetBaseClass());
+  EXPECT_TRUE(file.IsKindOf(RUNTIME_CLASS(CFile)));
+  EXPECT_TRUE(file.IsKindOf(RUNTIME_CLASS(CObject)));
+  EXPECT_FALSE(file.IsKindOf(RUNTIME_CLASS(CFileException)));
+  EXPECT_FALSE(CFile().IsKindOf(RUNTIME_CLASS(CKyStreamFile)));
+}
+
+class StreamFileOverStream : public RootTest {};
+
+TEST_P(StreamFileOverStream, ReadsWritesAndSeeksTheStream) {
+  Make();
+  kyStream* stm = Must(storage->CreateStream("s", kRW));
+  {
+    CKyStreamFile file(stm);
+    file.Write("0123456789", 10);
+    EXPECT_EQ(10, file.GetLength());
+    EXPECT_EQ(CString("s"), file.GetStorageName());
+    char buf[8] = {};
+    const struct {
+      LONG offset;
+      UINT from;
+      LONG result;
+      const char* read;
+    } cases[] = {{-4, 0, 0, "6789"}, {0, 2, 0, "01"},  {3, 0, 0, "34"},
+                 {2, 1, 0, "78"},    {11, 0, -1, "9"}, {5, 7, 0, "01"}};
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.offset);
+      EXPECT_EQ(c.result, file.Seek(c.offset, c.from));
+      const UINT n = static_cast<UINT>(strlen(c.read));
+      ASSERT_EQ(n, file.Read(buf, n));
+      EXPECT_EQ(c.read, std::string(buf, n));
+    }
+    file.Close();
+    EXPECT_EQ(0, file.Seek(0, 0));
+    EXPECT_EQ(2u, file.Read(buf, 2));
+  }
+  // The adapter is gone; the stream is still open and usable.
+  char buf[3] = {};
+  EXPECT_EQ(0, stm->Seek(7, 0));
+  EXPECT_EQ(3, stm->Read(buf, 3));
+  const int64_t block = kyTestAccess::Header(stm).FirstBlock(B64());
+  stm->Release();
+  storage->Release();
+  storage = nullptr;
+
+  // A damaged block makes the stream's read fail: -1 cut to 32 bits.
+  Bytes image = ReadAll(path);
+  Put32(image, static_cast<size_t>(block), 0);
+  WriteAll(path, image);
+  Reopen();
+  kyStream* damaged = Must(storage->OpenStream("s", kRO));
+  CKyStreamFile file(damaged);
+  EXPECT_EQ(0xFFFFFFFFu, file.Read(buf, 3));
+  damaged->Release();
+}
+
+INSTANTIATE_TEST_SUITE_P(OffsetWidths, StreamFileOverStream, ::testing::Bool(), RootWidthName);
+
+TEST(HashWords, IndexLoadAndStore) {
+  DWORD table[10] = {};
+  const struct {
+    DWORD shift, mask, hash, index;
+  } cases[] = {{28, 0xF, 0xA1234567, 10}, {32, 0xFF, 0x12345678, 0x78}, {4, 0xFF, 0x1234, 0x23}};
+  for (const auto& c : cases) {
+    table[4] = c.shift;
+    table[9] = c.mask;
+    EXPECT_EQ(c.index, FormHashIndexDword(table, c.hash));
+  }
+  unsigned char word[5] = {};
+  EXPECT_EQ(0xDEADBEEFu, HashStoreHashWord(word + 1, 0xDEADBEEF));  // any alignment
+  EXPECT_EQ(0xDEADBEEFu, HashLoadHashWord(word + 1));
+  EXPECT_EQ(0xEFu, word[1]);  // little-endian
+  EXPECT_EQ(0u, HashLoadHashWord(nullptr));
+}
+
+}  // namespace
