@@ -70,18 +70,9 @@ __int64 kyStorage::AppendDirectoryBlock(__int64 lastBlock) {
 // when the chain cannot be read to its end: without proof that the name is
 // absent, creation refuses rather than risk two streams of one name.
 bool kyStorage::NameOnDisk(const char* name) {
-  const bool b64 = m_bUse64BitOffsets != 0;
-  DirectoryBlock block;
-  __int64 blockOffset = 0;
-  int step;
-  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
-    for (__int64 i = 0; i < UsableSlots(block); ++i) {
-      t_kyStreamU slot;
-      CopyDirectorySlot(block, i, b64, slot);
-      if (!slot.IsFree() && SlotName(slot) == name) return true;
-    }
-  }
-  return step < 0;
+  const int step =
+      ForEachUsedRootSlot([name](const t_kyStreamU& slot) { return SlotName(slot) != name; });
+  return step != 0;
 }
 
 // Creates root stream `name` in the first free slot in search order (the

@@ -64,17 +64,10 @@ kyStream* kyStorage::OpenStreamNext(void*& cursor, DWORD mode) {
 kyStream* kyStorage::OpenStreamFirst2(int& cursor, DWORD mode) {
   m_streamNames.RemoveAll();
   if (!CanRead()) return nullptr;
-  const bool b64 = m_bUse64BitOffsets != 0;
-  DirectoryBlock block;
-  __int64 blockOffset = 0;
-  int step;
-  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
-    for (__int64 i = 0; i < UsableSlots(block); ++i) {
-      t_kyStreamU slot;
-      CopyDirectorySlot(block, i, b64, slot);
-      if (!slot.IsFree()) m_streamNames.Add(SlotName(slot));
-    }
-  }
+  const int step = ForEachUsedRootSlot([this](const t_kyStreamU& slot) {
+    m_streamNames.Add(SlotName(slot));
+    return true;
+  });
   // A damaged chain gives no snapshot at all.
   if (step < 0) m_streamNames.RemoveAll();
   if (m_streamNames.GetSize() == 0) return nullptr;

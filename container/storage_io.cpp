@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "container/directory.h"
 #include "container/file_access.h"
 #include "kystore/storage.h"
 #include "platform/win_file.h"
@@ -97,6 +98,21 @@ int kyStorage::NextDirectoryBlock(__int64& offset, DirectoryBlock& block) {
   if (!ReadDirectoryBlock(next, block)) return -1;
   offset = next;
   return 1;
+}
+
+int kyStorage::ForEachUsedRootSlot(const std::function<bool(const t_kyStreamU&)>& visit) {
+  const bool b64 = m_bUse64BitOffsets != 0;
+  DirectoryBlock block;
+  __int64 blockOffset = 0;
+  int step;
+  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
+    for (__int64 i = 0; i < UsableSlots(block); ++i) {
+      t_kyStreamU slot;
+      CopyDirectorySlot(block, i, b64, slot);
+      if (!slot.IsFree() && !visit(slot)) return 1;
+    }
+  }
+  return step;
 }
 
 bool kyStorage::DirectoryLinkUsable(__int64 block, __int64 link) {

@@ -119,17 +119,7 @@ bool kyStorage::CopyRootStreams(kyStorage* fresh, RecreateProgress progress, voi
 }
 
 __int64 kyStorage::CountRootSlots() {
-  const bool b64 = m_bUse64BitOffsets != 0;
-  DirectoryBlock block;
-  __int64 blockOffset = 0;
   __int64 used = 0;
-  int step;
-  while ((step = NextDirectoryBlock(blockOffset, block)) > 0) {
-    for (__int64 i = 0; i < UsableSlots(block); ++i) {
-      t_kyStreamU slot;
-      CopyDirectorySlot(block, i, b64, slot);
-      if (!slot.IsFree()) ++used;
-    }
-  }
+  const int step = ForEachUsedRootSlot([&used](const t_kyStreamU&) { return ++used, true; });
   return step == 0 ? used : -1;
 }

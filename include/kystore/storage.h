@@ -13,6 +13,7 @@
 #define KYSTORE_STORAGE_H_
 
 #include <cstdint>
+#include <functional>
 
 #include "kystore/format.h"
 #include "kystore/map_sort.h"
@@ -301,6 +302,10 @@ class kyStorage {
   // A link of the directory block at `block` leads on only when it points
   // behind the whole block, to a block that lies whole in the file.
   bool DirectoryLinkUsable(__int64 block, __int64 link);
+  // Hands every used slot of the root directory chain, in chain order, to
+  // `visit` until it returns false.  Returns 1 when `visit` stopped the
+  // walk, 0 at the end of the chain, -1 when the chain is damaged.
+  int ForEachUsedRootSlot(const std::function<bool(const t_kyStreamU&)>& visit);
 
   // Root stream map.
   bool InitStreamMap();
