@@ -1,5 +1,5 @@
-// The path loader: which stream a path reaches and which streams it holds,
-// creation of missing levels, the release order, and removal by path.
+// The path loader: what a path reaches and holds, creation, release order,
+// removal by path.
 
 #include <gtest/gtest.h>
 
@@ -38,8 +38,7 @@ class PathLoaderTest : public RootTest {
 };
 
 TEST_P(PathLoaderTest, PathsReachTheirStreamAndHoldTheLevelsOpened) {
-  // reached: the path of the stream returned, "" for none; topHeld: the
-  // open objects of Top afterwards.
+  // The path of the stream reached ("" for none) and Top's open objects.
   const struct {
     const char *path, *reached;
     int bCreate, topHeld;
@@ -79,26 +78,18 @@ TEST_P(PathLoaderTest, CreationMakesEveryMissingLevelAFolder) {
   EXPECT_TRUE(again->IsFolder());
 }
 
-// Releases go innermost first: a recording that entered Top, Mid and Leaf
-// gets one leave for each and ends with no stream entered.
+// Releases go innermost first: one leave each for Leaf, Mid and Top.
 TEST_P(PathLoaderTest, HeldStreamsAreReleasedLeafMidTop) {
-  kyStream* leaf = loader.GetStreamByPath(storage, "Top/Mid/Leaf", 1, 0);
-  ASSERT_NE(nullptr, leaf);
+  kyStream* leaf = Must(loader.GetStreamByPath(storage, "Top/Mid/Leaf", 1, 0));
   ASSERT_EQ(1, storage->StartRecording());
   unsigned char byte = 7;
   kyTestAccess::Recorder(storage)->OpWrite(&byte, 1, 0, leaf, 0);
   loader.CloseOpenStorages();
-  std::unique_ptr<CCompRecorder> rec(storage->StopRecording());
-  ASSERT_NE(nullptr, rec);
-  rec->SeekToBegin();
-  std::vector<std::string> ops;
-  RecOpEnum op;
-  char name[64];
-  unsigned char* data;
-  DWORD n;
-  while (rec->PopOp(&op, name, &data, &n))
-    ops.push_back(std::to_string(op) + (op == RecOpEnter ? name : ""));
-  EXPECT_EQ(std::vector<std::string>({"1Top", "1Mid", "1Leaf", "5", "3", "3", "3"}), ops);
+  std::unique_ptr<CCompRecorder> rec(Must(storage->StopRecording()));
+  const unsigned char* p = kyTestAccess::Buffer(rec.get());
+  EXPECT_EQ(Bytes(p, p + rec->GetDataLength()),
+            Bytes({1,   3,   0,   'T', 'o', 'p', 1, 1, 3, 0, 'M', 'i', 'd', 1, 1, 4, 0,
+                   'L', 'e', 'a', 'f', 1,   5,   0, 0, 1, 0, 0,   0,   7,   3, 3, 3}));
 }
 
 TEST_P(PathLoaderTest, DeleteByPathRemovesAndLeavesNothingHeld) {

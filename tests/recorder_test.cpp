@@ -1,8 +1,5 @@
-// The operation recorder: its growable buffer and who owns it, the exact
-// bytes of every record kind and PopOp reading them back or refusing them,
-// the stack of entered streams, and a storage's recording switched on and
-// off around real streams.  Leaks and double frees show up under the
-// sanitizers.
+// The operation recorder: its buffer and who owns it, the bytes of every
+// record kind, PopOp, the stack of entered streams, and real recordings.
 
 #include <cstdlib>
 #include <cstring>
@@ -22,8 +19,7 @@ Bytes Data(CCompRecorder& r) {
   return p ? Bytes(p, p + r.GetDataLength()) : Bytes();
 }
 
-// Buffer length, data length, position, stack depth, stopped, owns the
-// buffer it has.
+// Buffer length, data length, position, stack depth, stopped, owns its buffer.
 std::string State(CCompRecorder& r) {
   return std::to_string(r.GetLength()) + " " + std::to_string(r.GetDataLength()) + " @" +
          std::to_string(r.GetBufferPos()) + " depth " + std::to_string(r.GetStmDepth()) +
@@ -31,9 +27,8 @@ std::string State(CCompRecorder& r) {
          (kyTestAccess::Buffer(&r) && kyTestAccess::OwnsBuffer(&r) ? " own" : "");
 }
 
-// The recording read back from its start by a clone (the recorder itself is
-// not disturbed), one line per record, "<cut>" when it ends inside one.
-// Data are handed out in place.
+// The records read back by a clone, one line each, "<cut>" when it ends
+// inside one; data are handed out in place.
 Lines Records(CCompRecorder& r, int bThrow = 0) {
   static const char* const kKinds[] = {"",        "enter ", "fast ",  "leave",
                                        "remove ", "write ", "append "};
@@ -90,8 +85,7 @@ class RecorderTest : public ::testing::Test {
   }
   static void Add(CCompRecorder& r, const char* s) { r.Add(U(s), unsigned(strlen(s)), 4096); }
   static Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
-  // Records read from `bytes` before the first refusal, the same with
-  // exceptions off and on (checked here).
+  // Records read from `bytes` before the first refusal, exceptions off or on.
   static size_t Count(Bytes bytes) {
     CCompRecorder r;
     r.Attach(bytes.data(), unsigned(bytes.size()), 0);
@@ -99,8 +93,7 @@ class RecorderTest : public ::testing::Test {
     EXPECT_EQ(read, Records(r, 1));
     return read.size() - (!read.empty() && read.back() == "<cut>");
   }
-  // A stream object in memory (nothing touches a file); a chain of
-  // `levels` folders L1, L2, ... below `top`.
+  // A stream object in memory; a chain of `levels` folders L1, L2, ... below `top`.
   kyStream* Make(kyStream* parent, const char* name, bool folder) {
     t_kyStreamU h;
     memset(&h, 0, sizeof(h));
@@ -124,10 +117,8 @@ class RecorderTest : public ::testing::Test {
   kyStream* sibling = Make(root, "G", true);
 };
 
-// The buffer grows by the step (at least 4096) or by a larger piece, never
-// past 32 bits.  Attach takes a buffer as told and frees an owned one it
-// replaces; a borrowed buffer is copied before it grows; Detach hands the
-// buffer out.
+// Growth by the step (at least 4096) or a larger piece, never past 32 bits;
+// Attach frees an owned buffer it replaces, a borrowed one is copied to grow.
 TEST_F(RecorderTest, TheBufferGrowsAndChangesHandsAsTold) {
   CCompRecorder r(100);
   std::vector<unsigned char> fill(4096, 0xAB), big(10000, 0xCD);
@@ -158,8 +149,8 @@ TEST_F(RecorderTest, TheBufferGrowsAndChangesHandsAsTold) {
   EXPECT_EQ(kyTestAccess::Buffer(&r), nullptr);
 }
 
-// Each recorder owns what it holds after an assignment, so any of them may
-// be destroyed, emptied or grown first; the source is never changed.
+// After an assignment each recorder owns its own copy, so either may be
+// destroyed, emptied or grown first (this was a use-after-free).
 TEST_F(RecorderTest, CopyAssignmentGivesTheTargetItsOwnCopy) {
   for (int first = 0; first < 3; ++first) {
     SCOPED_TRACE(first);
@@ -202,8 +193,7 @@ TEST_F(RecorderTest, CopyAssignmentGivesTheTargetItsOwnCopy) {
   CCompRecorder& self = rec;
   rec = self;
   EXPECT_EQ(kyTestAccess::Buffer(&rec), held);
-  // A recorder that lends its buffer keeps it when assigned from the
-  // borrower: the bytes are already its own.
+  // Assigned from a borrower of its own buffer: it keeps that buffer.
   CCompRecorder borrower;
   borrower.Attach(held, rec.GetDataLength(), 0);
   unsigned char c;
@@ -231,9 +221,8 @@ TEST_F(RecorderTest, EveryKindHasItsExactBytesAndReadsBack) {
   EXPECT_EQ(Records(rec), (Lines{"write 10 ", "append 1 "}));  // nonzero flag bytes read as one
 }
 
-// Names longer than 60, lengths whose end wraps 32 bits, and unknown kinds
-// (handed out as read, with 0 and an empty name) are refused; so is every
-// record cut short, leaving exactly the records before it readable.
+// Long names, lengths that wrap, unknown kinds (stored as read) and every
+// cut record are refused; the records before stay readable.
 TEST_F(RecorderTest, MalformedOrCutRecordsAreRefused) {
   for (unsigned char kind : {1, 2, 4}) {
     for (unsigned char length : {60, 61}) {
@@ -266,9 +255,8 @@ TEST_F(RecorderTest, MalformedOrCutRecordsAreRefused) {
   }
 }
 
-// A record grows the buffer as its pieces would; one that cannot fit, or
-// that the reader would refuse, leaves no part behind and stops the
-// recording; a stopped recorder records nothing more.
+// A record that cannot fit, or that the reader would refuse, leaves no part
+// behind and stops the recording for good.
 TEST_F(RecorderTest, ARecordThatCannotFitStopsTheRecording) {
   std::vector<unsigned char> fill(10000, 1);
   kyTestAccess::PushOp(&rec, RecOpWrite, "00", fill.data(), 4090 - 7);  // exactly 4090 bytes
@@ -288,10 +276,8 @@ TEST_F(RecorderTest, ARecordThatCannotFitStopsTheRecording) {
   EXPECT_EQ(State(r), "0 0 @0 depth 0 stopped");
 }
 
-// An operation enters the missing levels of its chain first; leaves of
-// streams not on top and operations without a stream record nothing; a
-// removal is recorded with nothing entered for a root, after entering its
-// folder for a child.
+// Operations enter the missing levels of their chain first; leaves not on
+// top and operations without a stream record nothing.
 TEST_F(RecorderTest, OperationsEnterTheMissingLevelsOfTheirChain) {
   rec.OpLeave(root);
   rec.OpRemove("Old", nullptr);
@@ -313,9 +299,8 @@ TEST_F(RecorderTest, OperationsEnterTheMissingLevelsOfTheirChain) {
                    "append 1 ab", "leave", "leave", "enter G 1", "remove G2", "leave", "leave"}));
 }
 
-// The stack holds 32 streams and an operation enters up to ten missing
-// ancestors.  Deeper, the recording stops; with more missing ancestors
-// only that operation goes unrecorded.
+// 32 entered streams at most (deeper stops the recording); more than ten
+// missing ancestors lose only that operation.
 TEST_F(RecorderTest, TheStackHolds32StreamsAndEntersTenAncestors) {
   CCompRecorder nested;
   kyStream* s = root;
@@ -336,10 +321,8 @@ TEST_F(RecorderTest, TheStackHolds32StreamsAndEntersTenAncestors) {
   EXPECT_EQ(Records(far).size(), 12u);  // enter R, L1 ... L10, write
 }
 
-// Operations the stack cannot follow from the top E (below R but not below
-// E, above E, in another root, unrelated more than ten levels up), names
-// longer than sixty and a second fast enter stop the recording; an enter
-// whose parent is not on top does nothing.
+// Streams the stack cannot reach from E, names over 60 and a second fast
+// enter stop the recording; an enter whose parent is not on top does nothing.
 TEST_F(RecorderTest, WhatTheStackCannotFollowStopsTheRecording) {
   kyStream* targets[] = {Make(sibling, "C", false), folder, Make(nullptr, "Q", false),
                          Chain(Make(nullptr, "Z", true), 12)};
@@ -382,17 +365,11 @@ class Recording : public kytest::FolderTest {
   }
 };
 
-// Real streams: a write two levels below a root folder and the releases,
-// innermost first; a fast open and its release; removals, a child's made
-// from its entered parent, a root's with nothing entered.  A second start
-// keeps the recorder; a recording that was stopped, or that leaves a
-// stream entered, comes back empty; a storage released while recording
-// deletes its recorder.
-TEST_P(Recording, StreamsRecordTheirChainAndOnlyBalancedRecordingsAreHandedOver) {
-  kyStream* root = storage->CreateStream("R", 1, RW);
-  kyStream* folder = root->CreateStream("F", 1, RW, 1);
-  kyStream* entry = folder->CreateStream("E", 0, RW, 1);
-  ASSERT_NE(entry, nullptr);
+// Real streams (their chains are checked with the replay): a fast open and
+// its release, removals; a stopped or unbalanced recording comes back empty,
+// and a storage released while recording deletes its recorder.
+TEST_P(Recording, OnlyBalancedRecordingsAreHandedOver) {
+  kytest::Held<kyStream> b = kytest::Hold(Root("B"));
   Root("S")->Release();
   kyStream* s = storage->OpenStream("S", RW);
   Child(s, "c", 0, "x");
@@ -400,25 +377,18 @@ TEST_P(Recording, StreamsRecordTheirChainAndOnlyBalancedRecordingsAreHandedOver)
   EXPECT_EQ(storage->StopRecording(), nullptr);  // nothing to stop yet
   ASSERT_EQ(storage->StartRecording(), 1);
   CCompRecorder* first = Recorder();
-  unsigned char value[4] = {0x80, 2, 0, 0};
-  Recorder()->OpWrite(value, 4, 0, entry, 1);
   EXPECT_EQ(storage->StartRecording(), 1);
   EXPECT_EQ(Recorder(), first);
-  for (kyStream* r : {entry, folder, root}) r->Release();
-  kyStream* fast = storage->OpenOrCreateStreamFast("10000000", 1);
-  ASSERT_NE(fast, nullptr);
+  kyStream* fast = kytest::Must(storage->OpenOrCreateStreamFast("10000000", 1));
   EXPECT_EQ(-1, fast->Release());  // created, never opened: still leaves
   ASSERT_TRUE(s->OpenStream("c", RW)->Remove());
   ASSERT_TRUE(s->Remove());
-  EXPECT_EQ(Stop(),
-            Lines({"enter R 1", "enter F 1", "enter E 0", std::string("write 01 \x80\x02\0\0", 13),
-                   "leave", "leave", "leave", "fast 10000000 1", "leave", "enter S 1", "remove c",
-                   "leave", "enter S 1", "remove d", "leave", "remove S"}));
+  EXPECT_EQ(Stop(), Lines({"fast 10000000 1", "leave", "enter S 1", "remove c", "leave",
+                           "enter S 1", "remove d", "leave", "remove S"}));
   EXPECT_EQ(storage->StopRecording(), nullptr);  // a second stop
   ASSERT_EQ(storage->StartRecording(), 1);
-  fast = storage->OpenOrCreateStreamFast("Open", 0);
-  Recorder()->OpEnterFast("B", 0, entry);  // stops: a stream is entered
-  ASSERT_NE(fast, nullptr);
+  fast = kytest::Must(storage->OpenOrCreateStreamFast("Open", 0));
+  Recorder()->OpEnterFast("B", 0, b.get());  // stops: a stream is entered
   EXPECT_EQ(-1, fast->Release());
   EXPECT_EQ(Stop(), Lines());
   ASSERT_EQ(storage->StartRecording(), 1);
@@ -427,6 +397,7 @@ TEST_P(Recording, StreamsRecordTheirChainAndOnlyBalancedRecordingsAreHandedOver)
   fast->Release();  // records nowhere
   ASSERT_EQ(storage->StartRecording(), 1);
   Recorder()->OpRemove("X", nullptr);
+  b.reset();
   Close();
 }
 

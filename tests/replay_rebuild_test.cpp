@@ -1,5 +1,4 @@
-// Replaying recordings, and rebuilding storage files only by a whole,
-// checked copy.
+// Replaying recordings, and rebuilding storage files by a whole, checked copy.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -22,8 +21,7 @@ namespace {
 
 using namespace kytest;
 
-// A storage's tree: path -> "dir", or ':' and the data; '*' first for a
-// stream with the size-prefix mark.
+// A storage's tree: path -> "dir" or ':' and the data; '*' first for the size mark.
 typedef std::map<std::string, std::string> Tree;
 
 void DumpStream(kyStream* s, const std::string& path, Tree& out) {
@@ -98,9 +96,7 @@ Bytes Stop(kyStorage* st) {
 
 enum How { kWrite, kEraseOld, kAppend };
 
-// What an entry setter does: the entry `key` of `folder` is opened or
-// created, the value reported to the storage's recorder and written, and the
-// entry released.
+// What an entry setter does: open or create, record, write, release.
 void Set(kyStorage* st, kyStream* folder, const char* key, const std::string& v, How how) {
   kyStream* e = Must(folder->OpenOrCreateStream(key, 0));
   unsigned char* d = reinterpret_cast<unsigned char*>(const_cast<char*>(v.data()));
@@ -119,8 +115,7 @@ class Replay : public RootTest {
     RootTest::SetUp();
     Make();
   }
-  // Replays `b` into the held storage: the buffer comes back unchanged and
-  // every stream of the replay is released.
+  // Replays `b`: the buffer stays unchanged and every stream is released.
   int Play(Bytes b) {
     const Bytes before = b;
     const int n =
@@ -131,9 +126,8 @@ class Replay : public RootTest {
   }
 };
 
-// Entry-like writes two levels deep, appends, a removal, a root data stream
-// and a fast root stream, released in nesting order: the replay into an
-// empty storage applies every record and builds the same tree.
+// Writes two levels deep, appends, a removal and a fast root stream replay
+// into an empty storage as the same tree.
 TEST_P(Replay, ARecordingReplaysToTheSameTree) {
   kyStorage* src = kyStorage::Create(dir.File("src.kys").c_str(), kRW, 64);
   ASSERT_NE(src, nullptr);
@@ -164,9 +158,7 @@ TEST_P(Replay, ARecordingReplaysToTheSameTree) {
   Must(storage->OpenStreamFast("fast", kRO))->Release();  // in a fast slot again
 }
 
-// An entry on F inside R: stopped while F and R are entered, the recording
-// comes back empty; after their release it holds seven records, replayed as
-// seven.
+// An entry in R/F: empty while F and R are entered, seven records after.
 TEST_P(Replay, TheSevenRecordsOfOneEntry) {
   kyStream* r = Must(storage->CreateStream("R", 1, kRW));
   kyStream* f = Must(r->CreateStream("F", 1, kRW, 1));
@@ -185,8 +177,7 @@ TEST_P(Replay, TheSevenRecordsOfOneEntry) {
   EXPECT_EQ(Dump(storage), (Tree{{"R", "dir"}, {"R/F", "dir"}, {"R/F/W", ":" + Le(640, 4)}}));
 }
 
-// Buffers that end the replay early: the count stops before the record
-// that ends it, and the changes before it stay.
+// Buffers that end the replay early: the count and the changes before stay.
 TEST_P(Replay, BuffersThatEndEarly) {
   const Bytes whole = Rec().Enter("R", 1).Enter("e", 0).Write(0, 0, "abc").Leave(2).b;
   Rec deep;
@@ -217,8 +208,7 @@ TEST_P(Replay, BuffersThatEndEarly) {
   EXPECT_EQ(storage->ReplayRecording(nullptr, 5), 0);
 }
 
-// Write records on a stream holding "0123456789", and appends with and
-// without the offset prefix on empty and non-empty streams.
+// Writes over "0123456789"; appends with and without the prefix.
 TEST_P(Replay, WritesAndAppends) {
   const int w = B64() ? 8 : 4;
   const std::string digits = "0123456789";
@@ -253,9 +243,8 @@ TEST_P(Replay, WritesAndAppends) {
   }
 }
 
-// A storage with a data stream, an empty one and a folder (duration 5)
-// holding data, an empty stream, an empty folder, a nested folder, a
-// size-prefixed value and a removed stream of 100000 bytes.
+// Root data, empty and folder (duration 5) streams; in the folder data, an
+// empty stream and folder, a nested folder, a marked value, a removed 100000.
 class Rebuild : public RootTest {
  protected:
   void SetUp() override {
@@ -282,8 +271,7 @@ class Rebuild : public RootTest {
     Must(cfg->OpenStream("junk", kRW))->Remove();
     cfg->Release();
     tree = Dump(storage);
-    storage->Release();
-    storage = nullptr;
+    Close();
     ASSERT_EQ(chmod(path.c_str(), 0640), 0);
     image = ReadAll(path);
   }
@@ -296,8 +284,7 @@ class Rebuild : public RootTest {
     EXPECT_EQ(ReadAll(path), bytes);
     EXPECT_FALSE(Exists(temp) && !std::filesystem::is_directory(temp));
   }
-  // The file with the folder's slot of Cfg/sub damaged, or with the root
-  // "nil" renamed "plain" (its slot follows that of "plain").
+  // Cfg/sub's slot damaged, or the root "nil" renamed "plain".
   Bytes Damaged(bool duplicateRoot) {
     Bytes b = image;
     if (duplicateRoot) memcpy(&b[static_cast<size_t>(Slot(kHeaderSize, 7)) + 4], "plain", 6);
@@ -367,9 +354,8 @@ TEST_P(Rebuild, FailuresLeaveTheFileAsItWas) {
   EXPECT_FALSE(Exists(missing) || Exists(missing + "_tmp"));
 }
 
-// The open-storage form: on failure a storage on the untouched file; on
-// success a new storage opened for writing on the rebuilt file; the storage
-// itself back, untouched, when nothing could be done.
+// The open-storage form: the untouched file on failure, a writable storage
+// on success, the storage itself when nothing could be done.
 TEST_P(Rebuild, TheOpenStorageForm) {
   const Bytes damaged = Damaged(false);
   storage = kyStorage::Recreate(kyStorage::Open(path.c_str(), kRW, 64, 0), path.c_str());

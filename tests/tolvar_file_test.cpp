@@ -1,6 +1,5 @@
-// The generic stream file: opening, the walks over root streams and
-// children, names, reads and writes, removal, copies, and the removal of a
-// directory's files.
+// The generic stream file: opening, walks, names, reads and writes,
+// removals, copies, and removing a directory's files.
 
 #include <gtest/gtest.h>
 
@@ -35,21 +34,20 @@ TEST_P(TolvarTest, WalksOverTheRootStreams) {
   EXPECT_EQ(nullptr, file.GetNextStreamName(kRO));
   file.Close();
   Make();
-  for (const char* name : {"settings", "1a2b3c4d", "0abcdef1", "fffffffe"}) Add(name);
-  storage->Release();
-  storage = nullptr;
+  const Names all = {"settings", "1a2b3c4d", "0abcdef1", "fffffffe"};
+  for (const std::string& name : all) Add(name);
+  Close();
   ASSERT_EQ(1, file.Open(path.c_str(), 1));
   auto walk = [&](int (CTolvarFile::*step)()) {
-    std::vector<std::string> names;
+    Names names;
     while ((file.*step)()) names.push_back(file.GetStreamName());
     EXPECT_EQ(nullptr, file.m_pStream);  // the end closes the stream
     return names;
   };
-  const std::vector<std::string> all = {"settings", "1a2b3c4d", "0abcdef1", "fffffffe"};
-  EXPECT_EQ(std::vector<std::string>({"1a2b3c4d", "fffffffe"}), walk(&CTolvarFile::OpenNextStream));
-  EXPECT_EQ(std::vector<std::string>({"1a2b3c4d", "fffffffe"}), walk(&CTolvarFile::OpenNextStream));
+  for (int pass = 0; pass < 2; ++pass)  // the walk starts again after its end
+    EXPECT_EQ(Names({"1a2b3c4d", "fffffffe"}), walk(&CTolvarFile::OpenNextStream));
   EXPECT_EQ(all, walk(&CTolvarFile::OpenNextGenericStream));
-  std::vector<std::string> names;
+  Names names;
   while (char* name = file.GetNextStreamName(kRO)) names.push_back(name);
   EXPECT_EQ(all, names);
   EXPECT_STREQ("fffffffe", file.GetStreamName());  // the end keeps the last one
@@ -132,11 +130,9 @@ TEST_P(TolvarTest, ChildNamesWalkThreeChildrenThenEnd) {
     ASSERT_EQ(1, file.WriteGenericChildStream(name, U("x"), 1, 0, 0));
   for (int pass = 0; pass < 2; ++pass) {  // a null child starts again
     kyStream* child = nullptr;
-    std::vector<std::string> names;
-    for (char* name = file.GetNextChildStreamName(child); child != nullptr;
-         name = file.GetNextChildStreamName(child))
-      names.push_back(name);
-    EXPECT_EQ(std::vector<std::string>({"one", "two", "three"}), names);
+    Names names;
+    for (char* n; (n = file.GetNextChildStreamName(child)), child != nullptr;) names.push_back(n);
+    EXPECT_EQ(Names({"one", "two", "three"}), names);
   }
   kyStream* child = nullptr;
   ASSERT_EQ(1, file.OpenOrCreateGenericStream("plain", 0, 0));
@@ -185,7 +181,7 @@ TEST_P(TolvarTest, CopiesNeverShareTheOpenFile) {
 // Removing a directory: files without an extension go, others stay, and
 // the directory goes only when that empties it.
 TEST_P(TolvarTest, RemoveDeletesExtensionlessFilesOfADirectory) {
-  auto makeDir = [](const std::string& d, std::vector<std::string> files) {
+  auto makeDir = [](const std::string& d, Names files) {
     mkdir(d.c_str(), 0700);
     for (const std::string& f : files) WriteAll(d + "/" + f, Bytes{1});
   };
@@ -200,8 +196,7 @@ TEST_P(TolvarTest, RemoveDeletesExtensionlessFilesOfADirectory) {
   CTolvarFile::Remove((mixed + "/b.txt").c_str());  // a file: nothing happens
   EXPECT_TRUE(Exists(mixed + "/b.txt"));
 
-  // A directory of 256 characters holds a file whose path is too long to
-  // delete; one of 257 is not looked at.
+  // A file path too long to delete throws; a directory of 257 is not looked at.
   std::string longDir = dir.path() + "/";
   longDir += std::string(256 - longDir.size(), 'd');
   makeDir(longDir, {"xyz"});

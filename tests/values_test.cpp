@@ -1,8 +1,5 @@
-// Typed values: the serialization operators on a storage stream of either
-// width and on the memory stream, and entries in a folder and at the root.
-// The exact bytes of every form, the records they make, reading them back,
-// defaults for missing or unfit data, refusals over folders, and values
-// surviving a close and reopen.
+// Typed values on storage streams of either width, on the memory stream,
+// and as entries of a folder or the root: bytes, records, defaults, refusals.
 
 #include <gtest/gtest.h>
 
@@ -16,9 +13,8 @@
 namespace kytest {
 namespace {
 
-// One operator call: the writes it makes, in order (the file holds them
-// one after the other; each is one write record), and a copy through the
-// matching read operator.
+// One operator call: the writes it makes in order (one write record each),
+// and a copy through the matching read operator.
 struct ValueCase {
   std::string name;
   std::function<void(kyStream&)> put;
@@ -41,27 +37,15 @@ Bytes Chars(const std::string& s) {
   return Bytes(s.begin(), s.end());
 }
 
-Bytes Joined(const std::vector<Bytes>& pieces) {
-  Bytes out;
-  for (const Bytes& p : pieces) out = Concat(out, p);
-  return out;
-}
-
-// Records as the recorder writes them.
+// Records as the recorder writes them: an enter, and a write (5) or append
+// (6) record from its head bytes and data.
 Bytes Enter(const std::string& name, uint8_t flag, uint8_t kind = 1) {
-  Bytes r = {kind, static_cast<uint8_t>(name.size()), 0};
-  return Concat(Concat(r, Chars(name)), {flag});
+  return Concat(Concat({kind, static_cast<uint8_t>(name.size()), 0}, Chars(name)), {flag});
 }
-Bytes Data(Bytes head, const Bytes& data) {
+Bytes Rec(Bytes head, const Bytes& data) {
   Bytes n(4, 0);
   Put32(n, 0, static_cast<uint32_t>(data.size()));
   return Concat(Concat(head, n), data);
-}
-Bytes Write(uint8_t erase, uint8_t prefix, const Bytes& data) {
-  return Data({5, erase, prefix}, data);
-}
-Bytes Append(uint8_t prefix, const Bytes& data) {
-  return Data({6, prefix}, data);
 }
 const Bytes kLeave = {3};
 
@@ -119,11 +103,29 @@ void FromMemory(const Bytes& bytes, F read) {
   GlobalFree(block);
 }
 
-TEST(MemoryValues, EveryFormHasItsBytesAndReadsBack) {
+class StreamValues : public StreamTest {};
+
+// The same bytes on a storage stream (one write record per piece) and on
+// the memory stream; each read operator copies them back exactly.
+TEST_P(StreamValues, EveryFormHasItsBytesRecordsAndReadsBack) {
   for (const ValueCase& c : Cases()) {
     SCOPED_TRACE(c.name);
-    const Bytes bytes = Image(c.put);
-    EXPECT_EQ(bytes, Joined(c.pieces));
+    Make(64);
+    kyStream* v = New("v");
+    ASSERT_EQ(1, storage->StartRecording());
+    c.put(*v);
+    Bytes bytes, expected = Enter("v", 0);
+    for (const Bytes& p : c.pieces) {
+      bytes = Concat(bytes, p);
+      expected = Concat(expected, Rec({5, 0, 1}, p));
+    }
+    EXPECT_EQ(Contents(v, v->GetLength()), bytes);
+    v->Release();
+    EXPECT_EQ(Concat(expected, kLeave), Recorded(storage->StopRecording()));
+    Held<kyStream> r = Hold(OpenRoot("v"));
+    EXPECT_EQ(Image([&](kyStream& out) { c.copy(*r, out); }), bytes);
+
+    EXPECT_EQ(Image(c.put), bytes);
     FromMemory(bytes, [&](kyStream& in) {
       EXPECT_EQ(Image([&](kyStream& out) { c.copy(in, out); }), bytes);
     });
@@ -131,34 +133,10 @@ TEST(MemoryValues, EveryFormHasItsBytesAndReadsBack) {
   EXPECT_EQ(Image([](kyStream& m) { m << 7 << "ab"; }), Bytes({7, 0, 0, 0, 2, 0, 'a', 'b'}));
 }
 
-class StreamValues : public StreamTest {};
-
-TEST_P(StreamValues, EveryFormHasItsBytesAndRecords) {
-  for (const ValueCase& c : Cases()) {
-    SCOPED_TRACE(c.name);
-    Held<kyStorage> s = Hold(CreateStorage(64));
-    ASSERT_NE(nullptr, s);
-    kyStream* v = NewStream(s, "v");
-    ASSERT_NE(nullptr, v);
-    ASSERT_EQ(1, s->StartRecording());
-    c.put(*v);
-    const Bytes bytes = Joined(c.pieces);
-    EXPECT_EQ(Contents(v, v->GetLength()), bytes);
-    v->Release();
-    Bytes expected = Enter("v", 0);
-    for (const Bytes& p : c.pieces) expected = Concat(expected, Write(0, 1, p));
-    EXPECT_EQ(Concat(expected, kLeave), Recorded(s->StopRecording()));
-
-    Held<kyStream> r = Hold(s->OpenStream("v", kModeReadShared));
-    EXPECT_EQ(Image([&](kyStream& out) { c.copy(*r, out); }), bytes);
-  }
-}
-
 // A string whose characters come short: padded to the announced length when
 // the stream could hold it, else only the bytes that came.
 TEST_P(StreamValues, ShortStringsAndNumbers) {
-  Held<kyStorage> s = Hold(CreateStorage(64));
-  ASSERT_NE(nullptr, s);
+  Make(64);
   struct {
     Bytes data;
     std::string stored, memory;
@@ -174,8 +152,7 @@ TEST_P(StreamValues, ShortStringsAndNumbers) {
   int i = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(i);
-    const std::string name = "s" + std::to_string(i++);
-    Held<kyStream> w = Hold(NewStream(s, name.c_str()));
+    Held<kyStream> w = Hold(New("s" + std::to_string(i++)));
     ASSERT_EQ(static_cast<int64_t>(c.data.size()), w->Write(c.data.data(), c.data.size()));
     CString got("old");
     ASSERT_EQ(0, w->Seek(0, 0));
@@ -186,8 +163,7 @@ TEST_P(StreamValues, ShortStringsAndNumbers) {
       EXPECT_EQ(got.str(), c.memory);
     });
   }
-  // Numbers keep the bytes that did not come.
-  FromMemory({1, 2}, [](kyStream& m) {
+  FromMemory({1, 2}, [](kyStream& m) {  // numbers keep the bytes that did not come
     int v = 0x7F7F7F7F;
     m >> v;
     EXPECT_EQ(v, 0x7F7F0201);
@@ -196,6 +172,7 @@ TEST_P(StreamValues, ShortStringsAndNumbers) {
 
 INSTANTIATE_TEST_SUITE_P(Widths, StreamValues, ::testing::Bool(), WidthName);
 
+// Growth by at least 1024 bytes, zero-filled; Detach empties the stream.
 TEST(MemoryStream, GrowsByAtLeast1024Bytes) {
   const Bytes data = Pattern(1500, 3);
   struct {
@@ -215,14 +192,15 @@ TEST(MemoryStream, GrowsByAtLeast1024Bytes) {
     EXPECT_EQ(total, size);
     EXPECT_EQ(c.block, GlobalSize(block));
     EXPECT_EQ(Bytes(c.block - static_cast<size_t>(total), 0),
-              Bytes(block + total, block + c.block));  // zero-filled
+              Bytes(block + total, block + c.block));
     GlobalFree(block);
-    EXPECT_EQ(nullptr, m.Detach(size));  // empty again
+    EXPECT_EQ(nullptr, m.Detach(size));
     EXPECT_EQ(0, size);
   }
 }
 
-TEST(MemoryStream, ReadsACallersBlock) {
+// Under the sanitizers: every block is freed exactly once, by its holder.
+TEST(MemoryStream, ReadsACallersBlockAndFreesOnlyItsOwn) {
   BYTE* block = static_cast<BYTE*>(GlobalAlloc(GPTR, 100));
   for (int i = 0; i < 100; ++i) block[i] = static_cast<BYTE>(i);
   {
@@ -236,12 +214,8 @@ TEST(MemoryStream, ReadsACallersBlock) {
     EXPECT_EQ(0, size);
   }
   GlobalFree(block);  // still the caller's
-}
 
-// Run under the sanitizer build: every block is freed exactly once.
-TEST(MemoryStream, BlocksBelongToWhoeverHoldsThem) {
   const Bytes data = Pattern(3000, 9);
-  // Own blocks, also one allocated after a Detach, go with the stream.
   { kyStream2(nullptr, 0).Write(data.data(), 10); }
   for (int caller = 0; caller < 2; ++caller) {
     BYTE* mine = caller ? static_cast<BYTE*>(GlobalAlloc(GPTR, 16)) : nullptr;
@@ -254,8 +228,7 @@ TEST(MemoryStream, BlocksBelongToWhoeverHoldsThem) {
     EXPECT_EQ(5, m->Write(data.data(), 5));  // a fresh block of the stream's own
     EXPECT_EQ(0, m->Release());              // destroys it through the base
   }
-  // A caller's block that was never grown stays the caller's.
-  BYTE* kept = static_cast<BYTE*>(GlobalAlloc(GPTR, 64));
+  BYTE* kept = static_cast<BYTE*>(GlobalAlloc(GPTR, 64));  // never grown: stays the caller's
   { EXPECT_EQ(64, kyStream2(kept, 64).Write(data.data(), 64)); }
   EXPECT_EQ(Slice(data, 0, 64), Bytes(kept, kept + 64));
   GlobalFree(kept);
@@ -270,15 +243,12 @@ TEST(MemoryStream, FileOperationsFailCleanly) {
   RECT rc = {1, 2, 3, 4}, out = {};
   EXPECT_EQ(-1, m.Seek(0, 0));
   EXPECT_EQ(-1, m.Seek(0, 1));
-  EXPECT_FALSE(m.SetLength(0));
-  EXPECT_EQ(FALSE, m.PrependSize(4));
-  EXPECT_EQ(FALSE, m.GetVerifiedDataLength(len));
+  EXPECT_FALSE(m.SetLength(0) || m.PrependSize(4) || m.GetVerifiedDataLength(len) || m.Remove());
   EXPECT_EQ(0u, m.CopyStreamToBuffer(buf, FALSE));
   EXPECT_EQ(nullptr, buf);
   EXPECT_EQ(0, m.SetEntry("k", 1) + m.SetEntry("k", "v") + m.SetEntry("k", "AB", 2));
   EXPECT_EQ(5, m.GetEntry("k", 5));
   EXPECT_EQ(4, m.GetEntry("k", &out, &rc)->bottom);
-  EXPECT_FALSE(m.Remove());
   int size = 0;
   void* block = m.Detach(size);
   EXPECT_EQ(4, size);  // the value written before is intact
@@ -290,7 +260,7 @@ class EntriesTest : public FolderTest {
  protected:
   void SetUp() override {
     FolderTest::SetUp();
-    folder = storage->CreateStream("Cfg", 1, kModeReadWriteShared);
+    folder = storage->CreateStream("Cfg", 1, RW);
     ASSERT_NE(nullptr, folder);
   }
   void TearDown() override {
@@ -301,13 +271,12 @@ class EntriesTest : public FolderTest {
     folder->Release();
     folder = nullptr;
     ASSERT_NE(nullptr, Reopen(mode, load));
-    folder = storage->OpenStream("Cfg", mode);
-    ASSERT_NE(nullptr, folder);
+    folder = Must(storage->OpenStream("Cfg", mode));
   }
   // The whole data of entry `key` of a folder or of the storage.
   template <class P>
   static Bytes Value(P* owner, const char* key, uint8_t* flags = nullptr) {
-    Held<kyStream> e = Hold(owner->OpenStream(key, kModeReadShared));
+    Held<kyStream> e = Hold(owner->OpenStream(key, RO));
     if (!e) return Bytes({0xBA, 0xD0});
     if (flags != nullptr) *flags = kyTestAccess::Header(e.get()).Flags();
     return DataOf(e);
@@ -316,60 +285,50 @@ class EntriesTest : public FolderTest {
   kyStream* folder = nullptr;
 };
 
-// One typed setter, called the same way on a folder and on the storage,
-// with what it must write and a check of its getter.
+// One typed setter called the same way on a folder and on the storage, its
+// bytes, and a check of the getter of the same width.
 struct Typed {
   const char* key;
-  std::function<int(kyStream*)> onFolder;
-  std::function<int(kyStorage*)> onRoot;
-  std::function<bool(kyStream*)> readFolder;
-  std::function<bool(kyStorage*)> readRoot;
+  std::function<int(kyStream*)> setFolder;
+  std::function<int(kyStorage*)> setRoot;
+  std::function<bool(kyStream*)> getFolder;
+  std::function<bool(kyStorage*)> getRoot;
   Bytes bytes;
 };
-template <class Set, class Get>
-Typed Row(const char* key, Set set, Get get, Bytes bytes) {
+template <class T, class R = T>
+Typed Row(const char* key, T v, Bytes bytes) {
+  auto set = [key, v](auto* s) { return s->SetEntry(key, v); };
+  auto get = [key, v](auto* s) { return R(s->GetEntry(key, T{})) == R(v); };
   return {key, set, set, get, get, bytes};
 }
 
 TEST_P(EntriesTest, EachOverloadWritesItsWidthAndReadsBack) {
-  // Each call picks the overload of its argument's width.
-  // clang-format off
   const std::vector<Typed> rows = {
-      Row("i", [](auto* s) { return s->SetEntry("i", 7); },
-               [](auto* s) { return s->GetEntry("i", 0) == 7; }, {7, 0, 0, 0}),
-      Row("d", [](auto* s) { return s->SetEntry("d", static_cast<DWORD>(0xFFFFFFFEu)); },
-               [](auto* s) { return s->GetEntry("d", static_cast<DWORD>(0)) == 0xFFFFFFFEu; },
-          {0xFE, 0xFF, 0xFF, 0xFF}),
-      Row("l", [](auto* s) { return s->SetEntry("l", static_cast<__int64>(-5)); },
-               [](auto* s) { return s->GetEntry("l", static_cast<__int64>(0)) == -5; },
-          {0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
-      Row("u", [](auto* s) { return s->SetEntry("u", static_cast<unsigned __int64>(5)); },
-               [](auto* s) { return s->GetEntry("u", static_cast<unsigned __int64>(0)) == 5u; },
-          {5, 0, 0, 0, 0, 0, 0, 0}),
-      Row("f", [](auto* s) { return s->SetEntry("f", 1.0); },
-               [](auto* s) { return s->GetEntry("f", 0.0) == 1.0; }, {0, 0, 0, 0, 0, 0, 0xF0, 0x3F}),
-      Row("s", [](auto* s) { return s->SetEntry("s", "abc"); },
-               [](auto* s) { return s->GetEntry("s", "x") == CString("abc"); }, {3, 0, 'a', 'b', 'c'}),
+      Row("i", 7, {7, 0, 0, 0}),
+      Row("d", static_cast<DWORD>(0xFFFFFFFEu), {0xFE, 0xFF, 0xFF, 0xFF}),
+      Row("l", static_cast<__int64>(-5), {0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
+      Row("u", static_cast<unsigned __int64>(5), {5, 0, 0, 0, 0, 0, 0, 0}),
+      Row("f", 1.0, {0, 0, 0, 0, 0, 0, 0xF0, 0x3F}),
+      Row<const char*, CString>("s", "abc", {3, 0, 'a', 'b', 'c'}),
   };
-  // clang-format on
   for (int load = 0; load < 2; ++load) {
     for (const Typed& r : rows) {
       SCOPED_TRACE(r.key);
-      EXPECT_EQ(1, r.onFolder(folder));
-      EXPECT_EQ(1, r.onRoot(storage));
+      EXPECT_EQ(1, r.setFolder(folder));
+      EXPECT_EQ(1, r.setRoot(storage));
       EXPECT_EQ(r.bytes, Value(folder, r.key));
       EXPECT_EQ(r.bytes, Value(storage, r.key));
     }
-    ReopenAll(kModeReadShared, load);
+    ReopenAll(RO, load);
     for (const Typed& r : rows) {
       SCOPED_TRACE(r.key);
-      EXPECT_TRUE(r.readFolder(folder));
-      EXPECT_TRUE(r.readRoot(storage));
+      EXPECT_TRUE(r.getFolder(folder));
+      EXPECT_TRUE(r.getRoot(storage));
     }
-    ReopenAll(kModeReadWriteShared, 0);
+    ReopenAll(RW, 0);
   }
   long long pos = 0;  // binds the __int64 forms
-  Held<kyStream> i = Hold(folder->OpenStream("i", kModeReadShared));
+  Held<kyStream> i = Hold(folder->OpenStream("i", RO));
   char buf[10];
   EXPECT_EQ(4, i->Read(buf, 10LL));
   EXPECT_EQ(TRUE, i->GetVerifiedDataLength(pos));
@@ -386,8 +345,7 @@ TEST_P(EntriesTest, RectSizeAndOverwrites) {
   EXPECT_EQ(Bytes({0x80, 2, 0, 0, 0x20, 0xFE, 0xFF, 0xFF}), Value(folder, "z"));
   EXPECT_EQ(0x01020304, folder->GetEntry("r", &rc, nullptr)->bottom);
   EXPECT_EQ(-480, folder->GetEntry("z", &sz, nullptr)->cy);
-
-  // Written over the start without cutting: the string's tail stays.
+  // Written over the start without cutting: the old tail stays.
   ASSERT_EQ(1, folder->SetEntry("k", 7));
   ASSERT_EQ(1, folder->SetEntry("k", "abc"));
   EXPECT_EQ(Bytes({3, 0, 'a', 'b', 'c'}), Value(folder, "k"));
@@ -398,12 +356,11 @@ TEST_P(EntriesTest, RectSizeAndOverwrites) {
   EXPECT_EQ(std::string("\0\0cde", 5), folder->GetEntry("t", "").str());
 }
 
+// The entries take over the chains of removed streams, whose old bytes lie
+// past their length.
 TEST_P(EntriesTest, AppendedBuffersPointAtTheNewestValue) {
-  // The entries take over the chains of removed streams, whose old bytes
-  // lie past their length.
   const Bytes old = Pattern(100, 5);
-  for (kyStream* s : {folder->CreateStream("h", 0, kModeReadWriteShared, 1),
-                      storage->CreateStream("h", 0, kModeReadWriteShared)}) {
+  for (kyStream* s : {folder->CreateStream("h", 0, RW, 1), storage->CreateStream("h", 0, RW)}) {
     ASSERT_EQ(100, s->Write(old.data(), 100));
     ASSERT_TRUE(s->Remove());
   }
@@ -436,10 +393,13 @@ TEST_P(EntriesTest, ErasedOldValuesWithAndWithoutPrefix) {
   EXPECT_EQ(kSizePrefixFlag, flags);
   void* data = nullptr;
   unsigned int size = 0;
+  auto taken = [&] {
+    const Bytes out(static_cast<BYTE*>(data), static_cast<BYTE*>(data) + size);
+    GlobalFree(data);
+    return out;
+  };
   ASSERT_EQ(1, folder->GetEntryErasedOld("e", &data, &size));
-  ASSERT_EQ(10u, size);
-  EXPECT_EQ(ten, Bytes(static_cast<BYTE*>(data), static_cast<BYTE*>(data) + size));
-  GlobalFree(data);
+  EXPECT_EQ(ten, taken());
   // The caller's buffer: larger than the value refused, smaller reads its start.
   Bytes buf(11, 0xEE);
   EXPECT_EQ(0, folder->GetEntryErasedOld("e", buf.data(), 11));
@@ -459,20 +419,16 @@ TEST_P(EntriesTest, ErasedOldValuesWithAndWithoutPrefix) {
   // Root entries, and a value without the mark.
   ASSERT_EQ(1, storage->SetEntryEraseOld("p", "abcd", 4, 0));
   ASSERT_EQ(1, storage->GetEntryErasedOld("p", &data, &size));
-  EXPECT_EQ(Chars("abcd"), Bytes(static_cast<BYTE*>(data), static_cast<BYTE*>(data) + size));
-  GlobalFree(data);
+  EXPECT_EQ(Chars("abcd"), taken());
   EXPECT_EQ(0, storage->GetEntryErasedOld("missing", &data, &size));
 }
 
 TEST_P(EntriesTest, GettersGiveDefaults) {
-  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, kModeReadWriteShared, 1));
+  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, RW, 1));
   ASSERT_TRUE(sub);
   for (const std::string& data :
-       std::vector<std::string>{"\x01", "\x01\x02", std::string("\x01\0\0\0\x02\0\0\0", 8)}) {
-    const std::string key = "b" + std::to_string(data.size());
-    Held<kyStream> e = Hold(folder->CreateStream(key.c_str(), 0, kModeReadWriteShared, 1));
-    ASSERT_EQ(static_cast<int64_t>(data.size()), e->Write(data.data(), data.size()));
-  }
+       {std::string("\x01"), std::string("\x01\x02"), std::string("\x01\0\0\0\x02\0\0\0", 8)})
+    Child(folder, ("b" + std::to_string(data.size())).c_str(), 0, data);
   const RECT def = {9, 9, 9, 9};
   const SIZE sdef = {7, 7};
   for (const char* key : {"missing", "sub", "b1", "b2"}) {
@@ -509,18 +465,18 @@ TEST_P(EntriesTest, FastEntriesSeeOnlyTheFastSlots) {
   EXPECT_EQ(1, storage->GetEntry("n", 9));
   EXPECT_EQ(2.5, storage->GetEntryFast("f", 0.0));
   EXPECT_EQ(CString("fast"), storage->GetEntryFast("s", ""));
-  ReopenAll(kModeReadShared, 1);
+  ReopenAll(RO, 1);
   EXPECT_EQ(2.5, storage->GetEntryFast("f", 0.0));
   EXPECT_EQ(2.5, storage->GetEntry("f", 0.0));
 }
 
 // A setter whose key names a folder writes nothing and records nothing.
 TEST_P(EntriesTest, SettersRefuseFolders) {
-  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, kModeReadWriteShared, 1));
+  Held<kyStream> sub = Hold(folder->CreateStream("sub", 1, RW, 1));
   ASSERT_TRUE(sub);
-  Held<kyStream>(sub->CreateStream("child", 0, kModeReadWriteShared, 1));
+  Child(sub, "child");
   sub.reset();
-  Held<kyStream>(storage->CreateStreamFast("ff", 1, kModeReadWriteShared));
+  Held<kyStream>(storage->CreateStreamFast("ff", 1, RW));
   const Bytes before = ReadAll(path);
   ASSERT_EQ(1, storage->StartRecording());
   RECT rc = {1, 2, 3, 4};
@@ -548,30 +504,30 @@ TEST_P(EntriesTest, SettersRecordBeforeTheyWrite) {
   auto atRoot = [](const char* k, uint8_t kind, const Bytes& r) {
     return Concat(Concat(Enter(k, 0, kind), r), kLeave);
   };
-  const Bytes seven = {7, 0, 0, 0};
+  const Bytes seven = {7, 0, 0, 0}, ab = Chars("AB");
   struct {
     std::function<int()> set;
     Bytes records;
   } rows[] = {
-      {[&] { return folder->SetEntry("k", 7); }, inCfg(Write(0, 1, seven))},
+      {[&] { return folder->SetEntry("k", 7); }, inCfg(Rec({5, 0, 1}, seven))},
       {[&] { return folder->SetEntry("k", &rc); },
-       inCfg(Write(0, 1, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0}))},
-      {[&] { return folder->SetEntry("k", ""); }, inCfg(Write(0, 1, {0, 0}))},
+       inCfg(Rec({5, 0, 1}, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0}))},
+      {[&] { return folder->SetEntry("k", ""); }, inCfg(Rec({5, 0, 1}, {0, 0}))},
       {[&] { return folder->SetEntry("k", "ab"); },
-       inCfg(Concat(Write(0, 1, {2, 0}), Write(0, 1, Chars("ab"))))},
-      {[&] { return folder->SetEntry("k", "AB", 2); }, inCfg(Append(1, Chars("AB")))},
-      {[&] { return folder->SetEntryNoPrefix("k", "AB", 2); }, inCfg(Append(0, Chars("AB")))},
-      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 1); }, inCfg(Write(1, 1, Chars("AB")))},
-      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 0); }, inCfg(Write(1, 0, Chars("AB")))},
-      {[&] { return storage->SetEntry("k", 7); }, atRoot("k", 1, Write(0, 1, seven))},
-      {[&] { return storage->SetEntryFast("q", 7); }, atRoot("q", 2, Write(0, 1, seven))},
+       inCfg(Concat(Rec({5, 0, 1}, {2, 0}), Rec({5, 0, 1}, Chars("ab"))))},
+      {[&] { return folder->SetEntry("k", "AB", 2); }, inCfg(Rec({6, 1}, ab))},
+      {[&] { return folder->SetEntryNoPrefix("k", "AB", 2); }, inCfg(Rec({6, 0}, ab))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 1); }, inCfg(Rec({5, 1, 1}, ab))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 0); }, inCfg(Rec({5, 1, 0}, ab))},
+      {[&] { return storage->SetEntry("k", 7); }, atRoot("k", 1, Rec({5, 0, 1}, seven))},
+      {[&] { return storage->SetEntryFast("q", 7); }, atRoot("q", 2, Rec({5, 0, 1}, seven))},
   };
   for (const auto& r : rows) {
     ASSERT_EQ(1, storage->StartRecording());
     EXPECT_EQ(1, r.set());
     folder->Release();  // leaves Cfg when it was entered
     EXPECT_EQ(r.records, Recorded(storage->StopRecording()));
-    folder = storage->OpenStream("Cfg", kModeReadWriteShared);
+    folder = storage->OpenStream("Cfg", RW);
   }
 }
 
