@@ -1,8 +1,7 @@
-// Folders and their child slots: the bytes of a folder's data, reuse of
-// free slots, what creation refuses, finding, opening and walking children
-// (also through a preloaded map), moving a root stream object along the
-// root directory, and folders whose data were damaged on disk.
+// Folders and their child slots: bytes on disk, reuse, refusals, lookups and
+// walks (also through a preloaded map), GoNext, damaged folder data.
 
+#include <functional>
 #include <string>
 
 #include "support/folder_fixture.h"
@@ -13,8 +12,7 @@ using namespace kytest;
 
 class Folders : public FolderTest {
  protected:
-  // The names a walk over the preloaded map hands out, opening each child
-  // (released again) or not.
+  // The names a walk over the preloaded map hands out, opening each child or not.
   static Names MapWalk(kyStream* folder, bool open) {
     Names out;
     void* cursor = nullptr;
@@ -28,9 +26,8 @@ class Folders : public FolderTest {
       out.push_back(name.GetString());
     return out;
   }
-  // Top with children a, b, c, data written between the creations, so that
-  // every slot after the first lands in a block of its own; then closed.
-  // Returns the slots; `topBlock` is Top's first block.
+  // Top with children a, b, c, each slot after the first in a block of its
+  // own; closed.  Returns the slots; `topBlock` is Top's first block.
   std::vector<int64_t> BuildTop() {
     std::vector<int64_t> slots;
     auto top = Hold(Root("Top"));
@@ -47,7 +44,7 @@ class Folders : public FolderTest {
 };
 
 // The child count, then one slot per child with the duration from the
-// type's high word; the locator counts seconds.  The same after a reopen.
+// type's high word (seconds in the locator); the same after a reopen.
 TEST_P(Folders, FolderDataHoldsCountAndSlotsAcrossReopen) {
   {
     auto top = Hold(Root("Top"));
@@ -65,13 +62,12 @@ TEST_P(Folders, FolderDataHoldsCountAndSlotsAcrossReopen) {
     ASSERT_NE(nullptr, sub);
     EXPECT_EQ(Bytes(4, 0), DataOf(sub));  // a new folder holds the count 0
     const int64_t b = FirstBlock(sub.get());
-    EXPECT_EQ(Concat({2, 0, 0, 0}, Concat(Slot("a", 0, 0, 0, 0, 0), Slot("sub", 5, 1, 4, b, b))),
-              DataOf(t));
+    const Bytes slots = Concat(ChildSlot("a", 0, 0, 0, 0, 0), ChildSlot("sub", 5, 1, 4, b, b));
+    EXPECT_EQ(Concat({2, 0, 0, 0}, slots), DataOf(t));
   }
 }
 
-// A data stream in a freed slot takes the old chain; a folder starts a
-// chain of its own, so that no old bytes follow its slots.
+// A data stream in a freed slot takes the old chain; a folder starts its own.
 TEST_P(Folders, FreedSlotsAreReused) {
   auto top = Hold(Root("Top"));
   Child(top, "A", 0, std::string(200, 'x'));
@@ -89,11 +85,11 @@ TEST_P(Folders, FreedSlotsAreReused) {
   Child(OpenIn(top, "F", RW), "x", 0, "1");
   Child(OpenIn(top, "F", RW), "y", 0, "2");
   top.reset();
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   top = Open("Top");
   const Bytes data = DataOf(top);
   EXPECT_EQ(3u, Get32(data, 0));
-  EXPECT_EQ(Slot("D", 0, 0, 0, bHeader.LastBlock(B64()), bHeader.FirstBlock(B64())),
+  EXPECT_EQ(ChildSlot("D", 0, 0, 0, bHeader.LastBlock(B64()), bHeader.FirstBlock(B64())),
             Bytes(data.begin() + 4 + W(), data.begin() + 4 + 2 * W()));
   auto f = OpenIn(top, "F");
   Bytes all(4096, 0);
@@ -101,8 +97,8 @@ TEST_P(Folders, FreedSlotsAreReused) {
   EXPECT_EQ((Names{"x", "y"}), ChildNames(f));
 }
 
-// Refused, changing nothing: names empty, null, too long or taken, a child
-// held exclusively, and any stream whose flag byte is not exactly 1.
+// Refused, changing nothing: bad or taken names, a child held exclusively,
+// a parent whose flag byte is not exactly 1.
 TEST_P(Folders, CreationRefusesBadNamesHeldChildrenAndNonFolders) {
   auto top = Hold(Root("Top"));
   const std::string sixty(60, 'n'), longer(61, 'n');
@@ -124,9 +120,8 @@ TEST_P(Folders, CreationRefusesBadNamesHeldChildrenAndNonFolders) {
   EXPECT_EQ(nullptr, top->CreateStream("x", 0, RW, 1));
 }
 
-// Lookups compare whole names, case and all; the empty name finds a free
-// slot but opens nothing; walks skip free slots, leave the cursor past the
-// slot they handed out, and end at a child they may not open.
+// Whole names, case and all; the empty name finds a free slot but opens
+// nothing; walks skip free slots and end at a child they may not open.
 TEST_P(Folders, LookupsMatchExactlyAndWalksSkipFreeSlots) {
   {
     auto top = Hold(Root("Top"));
@@ -135,7 +130,7 @@ TEST_P(Folders, LookupsMatchExactlyAndWalksSkipFreeSlots) {
     Child(top, "X");
     ASSERT_TRUE(top->OpenStream("b", RW)->Remove());
   }
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   auto top = Open("Top");
   t_kyStreamU h;
   tag_kyStreamOffset o;
@@ -164,8 +159,8 @@ TEST_P(Folders, LookupsMatchExactlyAndWalksSkipFreeSlots) {
   EXPECT_EQ(4, names.GetSize());  // appends, up to the child it may not open
 }
 
-// An empty folder has no children; nor has a data stream holding exactly
-// a child table, and nothing is read to find that out.
+// Neither an empty folder nor a data stream holding a child table has
+// children, and nothing is read to find that out.
 TEST_P(Folders, EmptyFoldersAndDataStreamsHaveNoChildren) {
   auto top = Hold(Root("Top"));
   __int64 cursor = 4;
@@ -176,29 +171,26 @@ TEST_P(Folders, EmptyFoldersAndDataStreamsHaveNoChildren) {
   ASSERT_EQ(int64_t(table.size()), data->Write(table.data(), table.size()));
   ASSERT_EQ(0, data->Seek(0, 0));
   const int64_t pos = kyTestAccess::BlockPos(data.get());
-  EXPECT_EQ(nullptr, data->OpenStreamFirst(&cursor, RO));
-  EXPECT_EQ(nullptr, data->OpenStreamNext(&cursor, RO));
-  EXPECT_EQ(nullptr, data->OpenStream("x", RO));
+  EXPECT_FALSE(data->OpenStreamFirst(&cursor, RO) || data->OpenStreamNext(&cursor, RO) ||
+               data->OpenStream("x", RO));
   EXPECT_EQ(pos, kyTestAccess::BlockPos(data.get()));
 }
 
-// Roots fill slots 6 to 63 of the first directory block, the next goes to
-// slot 0 of a second one.  GoNext follows them there and counts the
-// existing record of the new name, stops at a free slot unchanged, and
-// does not move a folder with a child open.
+// GoNext crosses into the second directory block and takes over the new
+// name's record, stops at a free slot unchanged, and does not move a
+// folder with a child open.
 TEST_P(Folders, GoNextFollowsTheRootDirectory) {
   for (int i = 0; i < 59; ++i) Root(("r" + std::to_string(i)).c_str(), i == 0)->Release();
-  ASSERT_NE(nullptr, Reopen());
-  kyStream* s = storage->OpenStream("r57", RO);
-  ASSERT_NE(nullptr, s);
+  Reopen();
+  kyStream* s = Must(storage->OpenStream("r57", RO));
   kyStream* other = storage->OpenStream("r58", RO);
   ASSERT_TRUE(s->GoNext());
   EXPECT_STREQ("r58", s->GetName());
   const tag_kyStreamOffset& now = kyTestAccess::Offset(s);
   EXPECT_EQ(now.blockOffset + (B64() ? 16 : 12), now.headerOffset);
   EXPECT_EQ(64u, now.dwBlockSlots);
-  EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "r57"));
-  EXPECT_EQ(1, kyTestAccess::Registry(storage).GetCount());
+  EXPECT_TRUE(!kyTestAccess::IsStreamOpen(storage, "r57") &&
+              kyTestAccess::Registry(storage).GetCount() == 1);
   const t_kyStreamU before = kyTestAccess::Header(s);
   EXPECT_FALSE(s->GoNext());
   EXPECT_EQ(0, memcmp(&before, &kyTestAccess::Header(s), sizeof(before)));
@@ -212,8 +204,7 @@ TEST_P(Folders, GoNextFollowsTheRootDirectory) {
   f->PreloadChildren();
   ASSERT_TRUE(f->GoNext());
   EXPECT_STREQ("r1", f->GetName());
-  EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(f.get()));
-  EXPECT_FALSE(f->IsFolder());
+  EXPECT_TRUE(!kyTestAccess::PreloadMap(f.get()) && !f->IsFolder());
 }
 
 // The map holds the used children and walks them in hash or name order.
@@ -234,15 +225,13 @@ TEST_P(Folders, PreloadedMapHoldsUsedChildrenInHashOrNameOrder) {
     EXPECT_EQ(c.names, MapWalk(top.get(), false));
   }
   auto empty = Hold(Root("Empty"));
-  EXPECT_TRUE(MapWalk(empty.get(), false).empty());  // no map
   empty->PreloadChildren();
   EXPECT_TRUE(MapWalk(empty.get(), true).empty() && MapWalk(empty.get(), false).empty());
 }
 
-// A creation through a preloaded map appends a slot without looking for a
-// free one.  The map's copy of a child's header is older than the child's
-// writes; an open through the map must still reach the data written and
-// keep the chain.  A second preload keeps the map it has.
+// Through a preloaded map a creation appends a slot; an open through the
+// map's older copy of a header reaches the data written since (a defect).
+// A second preload keeps the map it has.
 TEST_P(Folders, PreloadedMapAppendsAndOpensTheChildAsWritten) {
   {
     auto top = Hold(Root("Top"));
@@ -266,15 +255,14 @@ TEST_P(Folders, PreloadedMapAppendsAndOpensTheChildAsWritten) {
     top->PreloadChildren();
     EXPECT_FALSE(Finds(top, "y"));
   }
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   auto top = Open("Top");
   EXPECT_EQ((Names{"A", "y", "x"}), ChildNames(top));
   EXPECT_EQ("hello!!!", Text(OpenIn(top, "x")));
 }
 
-// Removals and renames through this folder object, or through another
-// object of it (the slot tells), never leave a name the child no longer
-// has; a walk removing every child it meets reaches them all.
+// Removals and renames, through this folder object or another, never leave
+// a name in the map the child no longer has; a removing walk reaches all.
 TEST_P(Folders, RemoveAndRenameKeepThePreloadedMapTrue) {
   auto top = Hold(Root("Top"));
   for (const char* n : {"a", "b", "c", "d"}) Child(top, n, 0, n);
@@ -314,12 +302,12 @@ TEST_P(Folders, RemoveAndRenameKeepThePreloadedMapTrue) {
   }
 }
 
-// A walk stops at the end of the data; a creation appends there and writes
-// the count of the slots that are there.  A negative count gives no walk.
+// Walks stop at the end of the data, a creation appends there and writes
+// the true count; a negative count gives no walk; short data give no map.
 TEST_P(Folders, DamagedCountLargerThanTheData) {
   const int64_t count = BuildTop()[0] - 4;
   Patch(count, 1000, false);
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   {
     auto top = Open("Top", RW);
     EXPECT_TRUE(Finds(top, "c") && !Finds(top, "missing"));
@@ -328,14 +316,13 @@ TEST_P(Folders, DamagedCountLargerThanTheData) {
     EXPECT_EQ((Names{"a", "b", "c", "d"}), ChildNames(top));
   }
   Patch(count, 0xFFFFFFFFu, false);
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   auto top = Open("Top");
   __int64 cursor = 0;
   EXPECT_EQ(nullptr, top->OpenStreamFirst(&cursor, RO));
   EXPECT_FALSE(Finds(top, "missing"));
   top->PreloadChildren();
   EXPECT_EQ((Names{"a", "b", "c", "d"}), MapWalk(top.get(), false));
-  // A folder whose data end before the count has no map at all.
   auto shortData = Hold(Root("Short", 0));
   ASSERT_EQ(2, shortData->Write("ab", 2));
   kyTestAccess::Header(shortData.get()).Flags() = kFolderFlag;
@@ -343,18 +330,17 @@ TEST_P(Folders, DamagedCountLargerThanTheData) {
   EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(shortData.get()));
 }
 
-// A child folder whose chain is its parent's: its children are its
-// parent's, itself among them, and it is not opened below itself.  A name
-// that fills its whole field is read as its first 60 characters.
+// A child folder over its parent's chain is not opened below itself; a name
+// filling its whole field reads as its first 60 characters.
 TEST_P(Folders, DamagedChildSlots) {
   const std::vector<int64_t> slots = BuildTop();
   Bytes image = ReadAll(path);
   memset(&image[size_t(slots[0]) + 4], 'n', 61);
   image[size_t(slots[1]) + 67] = kFolderFlag;  // b becomes a folder over Top's chain
-  PutField(image, slots[1] + (B64() ? 84 : 76), topBlock);
-  PutField(image, slots[1] + (B64() ? 76 : 72), topBlock);
+  PutOff(image, slots[1] + (B64() ? 84 : 76), topBlock);
+  PutOff(image, slots[1] + (B64() ? 76 : 72), topBlock);
   WriteAll(path, image);
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   const std::string sixty(60, 'n');
   kyStream* top = storage->OpenStream("Top", RW);
   EXPECT_EQ((Names{sixty, "b", "c"}), ChildNames(top));
@@ -370,8 +356,42 @@ TEST_P(Folders, DamagedChildSlots) {
   ASSERT_NE(nullptr, Other(true));
   top->CopyFolder(Hold(other->CreateStream("D", 1, RW)).get());  // ends, whatever it reports
   EXPECT_TRUE(top->Remove());
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   EXPECT_EQ(nullptr, storage->OpenStream("Top", RO));
+}
+
+// The library's own reads (a preloaded lookup, walk, open by locator) leave
+// the shared file position where a reading stream left it.
+TEST_P(Folders, OwnReadsDoNotMoveAReadingStream) {
+  Hold(Root("S", 0))->Write("0123456789", 10);
+  Child(Hold(Root("F")), "D", 0, "child data");
+  const std::function<void(kyStream*)> steps[] = {
+      [](kyStream* f) { EXPECT_TRUE(Finds(f, "D")); },
+      [](kyStream* f) {
+        void* cursor = nullptr;
+        EXPECT_NE(nullptr, Hold(f->OpenPreloadChildrenFirst(&cursor, RO)));
+      },
+      [](kyStream* f) {
+        void* cursor = nullptr;
+        t_kyStreamWithOffset v;
+        CString name;
+        ASSERT_EQ(1, f->GetPreloadChildrenOffsetFirst(&cursor, 0, v, name));
+        tag_kyStreamOffset o;
+        memcpy(&o, &v.offset, sizeof(o));
+        EXPECT_NE(nullptr, Hold(f->OpenPreloadChildrenByOffset(v.hdr, o, name, RO)));
+      }};
+  for (int i = 0; i < 6; ++i) {
+    SCOPED_TRACE(i);
+    Reopen(RO, i / 3);  // from the file, then in memory
+    auto s = Open("S");
+    auto f = Open("F");
+    f->PreloadChildren();
+    char buf[4] = {};
+    ASSERT_EQ(3, s->Read(buf, 3));
+    steps[i % 3](f.get());
+    ASSERT_EQ(3, s->Read(buf, 3));
+    EXPECT_EQ("345", std::string(buf, 3));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, Folders, ::testing::Bool(), WidthName);

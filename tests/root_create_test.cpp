@@ -1,7 +1,6 @@
-// Creating root streams: slot choice, the bytes of new headers and of a new
-// directory block, refusals that must leave the file as it was, the
-// open-or-create operations, and the links of the directory chain that every
-// walk of it refuses.
+// Creating root streams: slot choice, bytes of new headers and directory
+// blocks, refusals that leave the file alone, and directory links that every
+// walk of the chain refuses.
 
 #include <cstring>
 #include <string>
@@ -27,8 +26,7 @@ class RootCreateTest : public RootTest {
     memcpy(&img[at + 4], name, strlen(name));
     Put16(img, at + 65, duration);
   }
-  // Frees a slot the way a removal does: name, duration, flags and length
-  // cleared, magic and block links kept.
+  // Frees a slot as a removal does: magic and block links kept.
   void FreeSlot(int64_t at, const char* name) {
     Bytes img = ReadAll(path);
     std::fill_n(img.begin() + at + 4, 64 + (B64() ? 8 : 4), 0);
@@ -48,6 +46,18 @@ TEST_P(RootCreateTest, OrdinaryGoesToSlotSixFastToSlotZero) {
   PutHeader(expected, Slot(32, 0), "fast", 3);
   EXPECT_EQ(expected, ReadAll(path));  // a data stream writes no data yet
   EXPECT_EQ(180u, Locator("fast").dwDuration);
+  // Any nonzero low byte of the type makes a folder; the bits between are ignored.
+  Add("cfg", 0x00050001);
+  Add("odd", 0x00007F80);
+  Add("plain", 0x0002FF00);
+  const Bytes img = ReadAll(path);
+  EXPECT_EQ(Bytes({5, 0, 1}), Slice(img, Slot(32, 7) + 65, Slot(32, 7) + 68));
+  EXPECT_EQ(4, Links(img, Slot(32, 7))[0]);
+  EXPECT_EQ(1, img[Slot(32, 8) + 67]);
+  EXPECT_EQ(Bytes({2, 0, 0}), Slice(img, Slot(32, 9) + 65, Slot(32, 9) + 68));
+  ord.reset();
+  fast.reset();
+  EXPECT_EQ(Bytes(4, 0), Contents(Hold(Must(Reopen(kRO, 1)->OpenStream("cfg", kRO))).get(), 4));
 }
 
 TEST_P(RootCreateTest, RefusalsChangeNothing) {
@@ -55,8 +65,7 @@ TEST_P(RootCreateTest, RefusalsChangeNothing) {
   Add("a");
   for (int i = 0; i < 6; ++i) Add("f" + std::to_string(i), 0, true);
   const Bytes before = ReadAll(path);
-  // Taken (also in the other area), the fast area full, a name too long,
-  // and empty names, which would leave slots that look free.
+  // Taken (also in the other area), the fast area full, too long, empty.
   const std::string n61(61, 'm');
   for (const char* name : {"a", "f0", "f6", n61.c_str(), "", static_cast<const char*>(nullptr)}) {
     const std::string n = name ? name : "";
@@ -73,9 +82,8 @@ TEST_P(RootCreateTest, RefusalsChangeNothing) {
   EXPECT_EQ(0, ReadAll(path)[Slot(32, 9) + 4 + 60]);  // the terminator fills the field
 }
 
-// With the first block full, the next creation appends a second block:
-// refused past the size limit (64-bit offsets; the 32-bit limit is fixed at
-// 4 GiB), and by read-only or in-memory storages, changing nothing.
+// With the first block full the next creation appends a second block;
+// refused past the size limit and by read-only or in-memory storages.
 TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
   Make();
   FillOrdinary(58);
@@ -91,8 +99,7 @@ TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
   Add("o58");
   EXPECT_EQ(Slot(P, 0), Locator("o58").headerOffset);
   EXPECT_EQ(P + DBS(), kyTestAccess::LastAppended(storage));
-  // The old bytes change only in the link; the new block is all zeros but
-  // for its head and the new header (no slot magic elsewhere, no link).
+  // The old bytes change only in the link; the new block holds its head and the header.
   PutOff(expected, 40, P);
   expected.resize(static_cast<size_t>(P + DBS()), 0);
   Put32(expected, P, kDirectoryBlockMagic);
@@ -112,8 +119,8 @@ TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
   }
 }
 
-// A data block that ended the file before a directory block was appended
-// must not grow in place over it.
+// A data block that ended the file must not grow in place over a directory
+// block appended behind it.
 TEST_P(RootCreateTest, NewDirectoryBlockStopsInPlaceGrowth) {
   Make();
   auto a = Hold(New("a"));
@@ -126,21 +133,7 @@ TEST_P(RootCreateTest, NewDirectoryBlockStopsInPlaceGrowth) {
   EXPECT_EQ(data, Contents(Hold(Must(Reopen(kRO, 1)->OpenStream("a", kRO))).get(), 350));
 }
 
-TEST_P(RootCreateTest, FolderWithDuration) {
-  Make();
-  Add("cfg", 0x00050001);
-  Add("odd", 0x00007F80);    // any nonzero low byte makes a folder,
-  Add("plain", 0x0002FF00);  // the bits between are ignored
-  const Bytes img = ReadAll(path);
-  EXPECT_EQ(Bytes({5, 0, 1}), Slice(img, Slot(32, 6) + 65, Slot(32, 6) + 68));
-  EXPECT_EQ(4, Links(img, Slot(32, 6))[0]);
-  EXPECT_EQ(1, img[Slot(32, 7) + 67]);
-  EXPECT_EQ(Bytes({2, 0, 0}), Slice(img, Slot(32, 8) + 65, Slot(32, 8) + 68));
-  EXPECT_EQ(Bytes(4, 0), Contents(Hold(Must(Reopen(kRO, 1)->OpenStream("cfg", kRO))).get(), 4));
-}
-
-// A freed slot is reused with its blocks by a data stream; a folder there
-// starts a chain of its own, whatever the old blocks hold.
+// A data stream reuses a freed slot with its blocks; a folder starts its own chain.
 TEST_P(RootCreateTest, FreedSlotReuse) {
   Make();
   const int64_t at = Slot(32, 6);
@@ -190,14 +183,13 @@ TEST_P(RootCreateTest, OpenOrCreate) {
     EXPECT_EQ(10 * atEnd, Hold(Must(s->OpenOrCreateStreamFast("entry", atEnd)))->GetCurDataPos());
 }
 
-// A directory link is 0, or points behind the whole of its block to a block
-// that lies whole in the file.  Any other link is damage for every walk: the
-// open fails, creation writes nothing, the walks in directory order stop;
-// the fast area still works.
+// A directory link is 0 or points forward to a whole block in the file.
+// Anything else is damage to every walk: Open fails, creation writes
+// nothing, directory-order walks stop; the fast area still works.
 TEST_P(RootCreateTest, EveryWalkRefusesTheSameDirectoryLinks) {
   Make(16);
-  // Stream "pad" holds the image of a directory block whose slot 0 is used
-  // by "ghost"; then streams fill the first two directory blocks.
+  // "pad" holds the image of a directory block using slot 0; then streams
+  // fill two directory blocks.
   Bytes ghost(static_cast<size_t>(DBS()), 0);
   Put32(ghost, 0, kDirectoryBlockMagic);
   Put32(ghost, 4, 64);
@@ -211,8 +203,8 @@ TEST_P(RootCreateTest, EveryWalkRefusesTheSameDirectoryLinks) {
   const int64_t second = Locator("o120").blockOffset, end = second + DBS();
   const Bytes pristine = ReadAll(path);
   ASSERT_EQ(end, static_cast<int64_t>(pristine.size()));
-  // Backwards to a block that is not in the chain, to itself, to the first
-  // block, into its own block, past the end, to a block without the magic.
+  // Back to a block outside the chain, to itself, to the first block, into
+  // its own block; past the end; to a block without the magic.
   for (int64_t to : {inPad, second, int64_t{32}, second + 100, end, end + 1}) {
     SCOPED_TRACE(to);
     Bytes damaged = pristine;

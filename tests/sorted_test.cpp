@@ -1,7 +1,5 @@
-// The framework map's walk order, which applications see as the unsorted
-// order of root streams; root streams in name order: the sorted map walk,
-// the view being rebuilt after changes, and the walk that opens nothing and
-// works out durations from time-stamped names.
+// The framework map's walk order (the unsorted order of root streams), the
+// sorted walks, and the walk that opens nothing and works out durations.
 
 #include <string>
 #include <utility>
@@ -13,10 +11,8 @@ namespace {
 
 using namespace kytest;
 
-// Buckets ascending, newest first within a bucket, worked out by hand;
-// overwrites keep their place, removed keys come back at the front.  Bytes
-// count as signed chars: read unsigned, "caf\xe9" and "\xff\xfe" would land
-// in buckets 10 and 16 instead of 9 and 0.
+// Buckets ascending, newest first, worked out by hand; overwrites keep their
+// place, removed keys come back at the front.  Bytes hash as signed chars.
 TEST(CMapWalkTest, BucketsAscendingNewestFirst) {
   CMap<CString, const char*, int, int> map;
   auto walk = [&map] {
@@ -49,16 +45,12 @@ TEST(CMapSortTest, ViewIndexAndOverwrites) {
   for (const char* n : {"b", "a"}) map.SetAt(n, 1);
   ASSERT_EQ(0, map.Sort(0));
   map.SetAt("a", 30);  // an overwrite: the view is rebuilt with the new value
-  EXPECT_FALSE(map.IsSorted());
-  ASSERT_EQ(0, map.Sort(0));
+  ASSERT_TRUE(!map.IsSorted() && map.Sort(0) == 0);
   CString key;
   int value = 0;
-  ASSERT_TRUE(map.GetSortedAt(0, key, value));
-  EXPECT_EQ(30, value);
-  EXPECT_FALSE(map.GetSortedAt(-1, key, value));
-  EXPECT_FALSE(map.GetSortedAt(2, key, value));
-  // The index runs to -1 after the last pair and leaves outsiders alone.
-  for (int start : {1, 2}) {
+  ASSERT_TRUE(map.GetSortedAt(0, key, value) && value == 30);
+  EXPECT_FALSE(map.GetSortedAt(-1, key, value) || map.GetSortedAt(2, key, value));
+  for (int start : {1, 2}) {  // runs to -1 after the last pair, leaves outsiders
     int index = start;
     map.GetNextSorted(index, key, value);
     EXPECT_EQ(start == 1 ? -1 : 2, index);
@@ -92,9 +84,8 @@ class SortedTest : public RootTest {
   }
 };
 
-// Byte order, unsigned: "B" before "a", bytes from 0x80 last.  A creation
-// leaves a walk on the view it started with; a removal empties the view, so
-// that a walk ends at its next step.
+// Unsigned byte order.  A walk keeps its view across a creation; a removal
+// empties the view, ending the walk at its next step.
 TEST_P(SortedTest, BothOrdersByteWiseRebuiltAfterChanges) {
   EXPECT_EQ(Names(), SortedWalk(0));
   for (const char* n : {"b", "\xe9", "a", "c", "B"}) Add(n);
@@ -120,13 +111,11 @@ TEST_P(SortedTest, BothOrdersByteWiseRebuiltAfterChanges) {
 }
 
 TEST_P(SortedTest, DurationsFromTimeStamps) {
-  // Names of eight characters are times in seconds, read as hexadecimal
-  // numbers as far as they go ("0000001g" is 1, "0x000040" is 0x40); the
-  // gap to the next such name is the duration, the last repeats the one
-  // before, and a gap of over a day (also one that wraps around) gives the
-  // last duration (3600 unless set).  A name that reads as no number at all
-  // gets 0 itself and, as the next name, gives the previous duration.
-  // Other lengths keep 0 and are skipped.
+  // 8-character names are hex seconds as far as they read ("0000001g" is 1,
+  // "0x000040" 0x40); the gap to the next is the duration, the last repeats
+  // it, a gap over a day or wrapping gives the last duration (3600 unless
+  // set).  An unreadable name gets 0 and passes the previous duration on;
+  // other lengths keep 0.
   for (const char* n :
        {"0000ffff", "00000020", "00000010", "00000015x", "0000001g", "x", "0x000040", "zzzzzzzz"})
     Add(n);
@@ -145,8 +134,7 @@ TEST_P(SortedTest, DurationsFromTimeStamps) {
   EXPECT_EQ((Durations{{"00015f90", 3600}, {"00000000", 3600}}), Iterate(1));
 }
 
-// A stream's own duration and the fixed one take precedence; the walk's
-// locators open the streams.
+// Own and fixed durations take precedence; the walk's locators open streams.
 TEST_P(SortedTest, OwnAndFixedDurationsAndLocators) {
   CIterateSortedStreams it;
   EXPECT_EQ(0, storage->IterateSortedStreamsNoOPENS(&it));
@@ -161,13 +149,10 @@ TEST_P(SortedTest, OwnAndFixedDurationsAndLocators) {
             Iterate(0, 60));
   EXPECT_EQ(own, (Reopen(kRO, 1), Iterate()));
   CIterateSortedStreams walk;
-  for (int pos : {1, 2, 3, -1}) {
-    ASSERT_EQ(1, storage->IterateSortedStreamsNoOPENS(&walk));
-    EXPECT_EQ(pos, walk.iPos);
-  }
-  kyStream* last = Must(storage->OpenStreamByOffset(walk.offset, walk.strName, kRO));
-  EXPECT_STREQ("name", last->GetName());
-  EXPECT_EQ(1, last->Release());
+  for (int pos : {1, 2, 3, -1})
+    ASSERT_TRUE(storage->IterateSortedStreamsNoOPENS(&walk) == 1 && walk.iPos == pos);
+  EXPECT_STREQ("name",
+               Hold(Must(storage->OpenStreamByOffset(walk.offset, walk.strName, kRO)))->GetName());
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, SortedTest, ::testing::Bool(), WidthName);

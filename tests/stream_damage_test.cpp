@@ -1,11 +1,8 @@
-// Streams whose blocks, links or lengths are damaged, and the rules every
-// walk along a chain applies, reading or writing.  Every operation ends
-// with its failure result (or with what it could do before the damage),
-// never with a hang or a crash; a writer never touches another stream's
-// bytes.
+// Damaged blocks, links and lengths: every walk along a chain, reading or
+// writing, ends with its failure result, never a hang or a crash, and a
+// writer never touches another stream's bytes.
 
 #include <climits>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,8 +25,8 @@ class StreamDamage : public StreamTest {
     WriteAll(path, image);
     return OpenA(inMemory ? kRO : kRW, inMemory);
   }
-  // The file's first `n` bytes with A's own blocks and header slot blanked:
-  // what no operation on A may change.
+  // The file's first `n` bytes with A's blocks and slot blanked: what no
+  // operation on A may change.
   Bytes OthersOf(Bytes image, size_t n) const {
     image.resize(n);
     const int64_t spans[][2] = {{blocks[0], 100}, {blocks[1], 120}, {blocks[2], 100}};
@@ -55,10 +52,9 @@ class StreamDamage : public StreamTest {
   Bytes pristine;
 };
 
-// Readers fail at a refused block or link.  A writer fails before writing a
-// byte when the block it starts in is refused, and cuts a refused link and
-// appends a fresh block in its place; either way, the bytes of every other
-// stream and folder stay as they were.
+// Readers fail at a refused block or link.  A writer refuses a bad first
+// block before writing, and cuts a bad link for a fresh block; either way
+// every other stream's bytes stay.
 TEST_P(StreamDamage, RefusedBlocksAndLinksNeverReachOtherStreams) {
   const int64_t end = static_cast<int64_t>(pristine.size()), a1 = blocks[0], a3 = blocks[2];
   typedef std::vector<std::tuple<int64_t, BlockField, int64_t>> Changes;
@@ -113,8 +109,8 @@ TEST_P(StreamDamage, RefusedBlocksAndLinksNeverReachOtherStreams) {
   }
 }
 
-// Reads stop at an unreadable block; a write that meets it cuts the link and
-// carries on in a fresh block at the end of the file.
+// An unreadable next block: reads stop before it, a write cuts the link and
+// goes on in a fresh block at the end of the file.
 TEST_P(StreamDamage, UnreadableNextBlockIsCutOff) {
   Bytes damaged = pristine;
   PutBlockField(damaged, blocks[1], kMagic, 0);
@@ -124,8 +120,7 @@ TEST_P(StreamDamage, UnreadableNextBlockIsCutOff) {
   EXPECT_EQ(Slice(data, 0, 100), Slice(buf, 0, 100));
   ASSERT_EQ(0, a->Seek(100, 0));
   const Cursor at100 = CursorOf(a);
-  EXPECT_EQ(-1, a->Seek(101, 0));
-  EXPECT_EQ(-1, a->Seek(1, 2, true));
+  EXPECT_TRUE(a->Seek(101, 0) == -1 && a->Seek(1, 2, true) == -1);
   EXPECT_EQ(at100, CursorOf(a));
   const int64_t end = Size();
   ASSERT_EQ(10, a->Write(data.data() + 100, 10, true));
@@ -136,10 +131,9 @@ TEST_P(StreamDamage, UnreadableNextBlockIsCutOff) {
   EXPECT_EQ(Slice(data, 0, 110), Contents(a, 110));
 }
 
-// A recorded length is used only when it lies between 0 and the file's size.
-// A damaged one fails the seek from the end (the cursor stays), the copy,
-// the check of the size prefix and every call that would write; reads, which
-// go by the blocks, still work.  Erase makes the stream usable again.
+// A length outside 0..file size (0x80000000000000EF, near +-2^63) fails the
+// seek from the end, the copy, the prefix check and every write without
+// overflow; reads go by the blocks; Erase makes the stream usable again.
 TEST_P(StreamDamage, DamagedLengthsAreNeverComputedWith) {
   const int64_t end = static_cast<int64_t>(pristine.size());
   const std::vector<int64_t> lengths =
@@ -154,18 +148,15 @@ TEST_P(StreamDamage, DamagedLengthsAreNeverComputedWith) {
     for (int mem = 0; mem < 2; ++mem) {
       kyStream* a = Must(Open(damaged, mem));
       const Cursor start = CursorOf(a);
-      EXPECT_EQ(-1, a->Seek(0, 1));
-      EXPECT_EQ(-1, a->Seek2(-3, 0));
+      EXPECT_TRUE(a->Seek(0, 1) == -1 && a->Seek2(-3, 0) == -1);
       BYTE* copy = reinterpret_cast<BYTE*>(1);
       EXPECT_EQ(0u, a->CopyStreamToBuffer(copy, TRUE));
       EXPECT_EQ(nullptr, copy);
       long long len = 7;
-      EXPECT_FALSE(a->GetVerifiedDataLength(len));
-      EXPECT_EQ(0, len);
+      EXPECT_TRUE(!a->GetVerifiedDataLength(len) && len == 0);
       EXPECT_EQ(start, CursorOf(a));
       EXPECT_EQ(mem ? 0 : -1, a->Write("abc", 3));
-      EXPECT_FALSE(a->PrependSize(3));
-      EXPECT_FALSE(a->SetLength(0));
+      EXPECT_FALSE(a->PrependSize(3) || a->SetLength(0));
       EXPECT_EQ(damaged, ReadAll(path));
       EXPECT_EQ(data, Contents(a, 250));
       EXPECT_EQ(!mem, a->Erase());
@@ -174,10 +165,8 @@ TEST_P(StreamDamage, DamagedLengthsAreNeverComputedWith) {
   }
 }
 
-// Another storage object over the same file grows it: this object finds the
-// new blocks (its idea of the file's size is refreshed when a check fails),
-// and the block it last appended no longer grows in place once another
-// object has linked a block behind it.
+// Another storage object grows the file: this one finds the new blocks and
+// no longer grows its last block in place over the other's.
 TEST_P(StreamDamage, AnotherObjectGrowsTheFile) {
   Reopen(kRW);
   kyStream* n = Keep(New("N"));
@@ -199,8 +188,8 @@ TEST_P(StreamDamage, AnotherObjectGrowsTheFile) {
   EXPECT_EQ(Slice(data, 0, 130), Contents(n, 130));
 }
 
-// Every byte of the first block's header and of the stream header's links,
-// set to a few telling values: reading, seeking and writing survive each.
+// Each byte of the first block's header and of A's links, set to a few
+// values: reads, seeks and writes survive.
 TEST_P(StreamDamage, EveryHeaderByteDamaged) {
   std::vector<int64_t> spots;
   for (int64_t i = 0; i < H(); ++i) spots.push_back(blocks[0] + i);

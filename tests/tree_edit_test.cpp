@@ -1,7 +1,5 @@
-// Changing the tree: removing streams with everything below them, renaming
-// them, and copying a stream's data or a folder's tree over what the
-// destination holds, in the same storage or another one.  The slots on
-// disk, the registries, and the refusals that leave the file as it was.
+// Changing the tree: removing and renaming streams, copying a stream's data
+// or a folder's tree over a destination in the same or another storage.
 
 #include <unistd.h>
 
@@ -19,8 +17,7 @@ typedef std::map<std::string, std::string> Tree;  // path of a data stream -> it
 
 class TreeEdit : public FolderTest {
  protected:
-  // Writes every path of `tree` below the root streams, making folders on
-  // the way; an empty text makes a stream without a block.
+  // Writes every path of `tree`, making folders on the way; "" makes no block.
   static void Build(kyStorage* s, const Tree& tree) {
     for (const auto& t : tree) {
       std::vector<Held<kyStream>> held;  // released children first
@@ -57,9 +54,8 @@ class TreeEdit : public FolderTest {
   }
 };
 
-// A removed folder frees its own slot and every slot below it: the magic
-// and the chain stay, everything else is zero; the file keeps its size and
-// the data their bytes.  A root made by creation is removed at once.
+// Removing a folder zeroes its slot and every slot below but for magic and
+// chain; the file keeps its size and the data their bytes.
 TEST_P(TreeEdit, RemovingAFolderFreesEverySlotBelowIt) {
   kyStream* r = Root("R");
   Child(r, "F", 1);
@@ -80,7 +76,7 @@ TEST_P(TreeEdit, RemovingAFolderFreesEverySlotBelowIt) {
   ASSERT_EQ(before.size(), after.size());
   const size_t links = B64() ? 76 : 72, e2 = size_t(slots[3]);
   for (int64_t at : slots) {
-    Bytes freed = Slot("", 0, 0, 0, 0, 0);
+    Bytes freed = ChildSlot("", 0, 0, 0, 0, 0);
     std::copy(&before[at + links], &before[at + W()], freed.begin() + links);
     EXPECT_EQ(freed, Bytes(&after[at], &after[at + W()])) << at;
   }
@@ -90,14 +86,13 @@ TEST_P(TreeEdit, RemovingAFolderFreesEverySlotBelowIt) {
   EXPECT_EQ(0, kyTestAccess::Children(r).GetCount());
   ASSERT_TRUE(r->Remove());
   EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "R"));
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   EXPECT_EQ(nullptr, storage->OpenStream("R", RO));
 }
 
-// Remove and Rename refuse, changing nothing, without the write bit, on a
-// storage held in memory, while another object of the stream or of anything
-// below it is open, and for names that would free the slot.  Rename keeps
-// sixty characters and moves the registry record and the map entry.
+// Remove and Rename refuse, changing nothing, without the write bit, in
+// memory, while another object of the stream or below it is open, and for
+// empty names.  Rename keeps 60 characters and moves record and map entry.
 TEST_P(TreeEdit, RemoveAndRenameRefuseOrMoveEverything) {
   {
     auto r = Hold(Root("R"));
@@ -113,7 +108,7 @@ TEST_P(TreeEdit, RemoveAndRenameRefuseOrMoveEverything) {
     EXPECT_STREQ("R", r->GetName());
     EXPECT_FALSE(OpenIn(r, "F", RW)->Remove() || r->Remove());
   }
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   EXPECT_FALSE(Open("R")->Remove() || Open("R")->Rename("other"));  // no write bit
   kyStream* r = storage->OpenStream("R", RW);
   kyStream* f = r->OpenStream("F", RW);
@@ -139,15 +134,14 @@ TEST_P(TreeEdit, RemoveAndRenameRefuseOrMoveEverything) {
   ASSERT_TRUE(r->Rename("Root2"));
   EXPECT_EQ(nullptr, kyTestAccess::IsStreamOpen(storage, "R"));
   EXPECT_EQ(1, r->Release());
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   EXPECT_EQ(nullptr, storage->OpenStream("R", RO));
   EXPECT_EQ("data", Text(OpenIn(OpenIn(Open("Root2"), "F"), sixty.c_str())));
 }
 
-// A copy gives the destination exactly the source's bytes, whether it was
-// longer, shorter or had no block yet, and changes no other stream; the
-// source's chain is split by other streams' blocks.  An empty source, and
-// the same stream, are refused.
+// The destination reads back exactly the source, longer, shorter or without
+// a block, and no other stream changes; the source's chain is split.  An
+// empty source and the same stream are refused.
 TEST_P(TreeEdit, CopyStreamOverAnotherStream) {
   const Tree roots = {{"A", std::string(10, 'A')},
                       {"B", std::string(20, 'B')},
@@ -162,7 +156,7 @@ TEST_P(TreeEdit, CopyStreamOverAnotherStream) {
                {"C", "A", false}, {"A", "B", true},  {"B", "C", true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.src) + " over " + c.dst + (c.dstInOther ? " in another" : ""));
-    ASSERT_NE(nullptr, Create(4096));  // a block per stream: neighbours' chains follow
+    ASSERT_NE(nullptr, Make(4096));  // a block per stream: neighbours' chains follow
     ASSERT_NE(nullptr, Other(true, 4096));
     Build(storage, roots);
     Build(other, roots);
@@ -191,9 +185,8 @@ TEST_P(TreeEdit, CopyStreamOverAnotherStream) {
   EXPECT_EQ(std::string(20, 'B'), Text(same));
 }
 
-// Children of the same kind are overwritten, of the other kind replaced;
-// what only the destination holds stays; copies are made with type 0 or 1,
-// empty folders too.
+// Same kind overwritten, other kind replaced, destination-only children
+// stay; copies get duration 0, empty folders too.
 TEST_P(TreeEdit, CopyFolderMergesIntoTheDestination) {
   const Tree source = {{"S/a", "short"},
                        {"S/f/x", std::string(300, 'x')},
@@ -209,7 +202,7 @@ TEST_P(TreeEdit, CopyFolderMergesIntoTheDestination) {
                      {"Z", "last"}};
   for (bool inOther : {false, true}) {
     SCOPED_TRACE(inOther ? "into another storage" : "within one storage");
-    ASSERT_NE(nullptr, Create(4096));
+    ASSERT_NE(nullptr, Make(4096));
     ASSERT_NE(nullptr, Other(true, 4096));
     for (kyStorage* s : {storage, other}) {
       Build(s, source);
@@ -231,10 +224,8 @@ TEST_P(TreeEdit, CopyFolderMergesIntoTheDestination) {
   }
 }
 
-// A copy into the source folder itself or below it is refused, also through
-// another object of the folder, or another storage object over the same
-// file under any of its names; loaded into memory, the file keeps the
-// identity it was opened with.  Into its parent's sibling is fine.
+// A copy into the folder itself or below is refused, through any object or
+// any name of the file (device and inode, also loaded into memory).
 TEST_P(TreeEdit, CopyFolderIntoItselfOrBelowIsRefused) {
   {
     auto s = Hold(Root("S"));
@@ -244,13 +235,13 @@ TEST_P(TreeEdit, CopyFolderIntoItselfOrBelowIsRefused) {
   const std::string symlinked = dir.File("symlinked.kys"), hardLinked = dir.File("hard.kys");
   ASSERT_EQ(0, symlink(path.c_str(), symlinked.c_str()));
   ASSERT_EQ(0, link(path.c_str(), hardLinked.c_str()));
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   const Bytes image = ReadAll(path);
   auto s = Open("S", RW);
   auto same = Open("S", RW);
   auto below = OpenIn(same, "f", RW);
   EXPECT_FALSE(s->CopyFolder(s.get()) || s->CopyFolder(same.get()) || s->CopyFolder(below.get()));
-  for (const std::string& alias : {path, symlinked, hardLinked, dir.path() + "/./tree.kys"}) {
+  for (const std::string& alias : {path, symlinked, hardLinked, dir.path() + "/./data.kys"}) {
     SCOPED_TRACE(alias);
     auto twin = Hold(kyStorage::Open(alias.c_str(), RW, 256, 0));
     ASSERT_NE(nullptr, twin);
@@ -267,8 +258,8 @@ TEST_P(TreeEdit, CopyFolderIntoItselfOrBelowIsRefused) {
   EXPECT_EQ("x", Text(OpenIn(t, "x")));
 }
 
-// A walk that stops at a damaged slot has not reached the end of the
-// folder: the copy fails, with what came before the damage copied.
+// A walk stopped by a damaged slot is not the end: the copy fails after
+// copying what came before.
 TEST_P(TreeEdit, AWalkStoppedByADamagedSlotFailsTheCopy) {
   int64_t damaged = 0;
   {
@@ -278,7 +269,7 @@ TEST_P(TreeEdit, AWalkStoppedByADamagedSlotFailsTheCopy) {
     Hold(Root("T"));
   }
   Patch(damaged, 0, false);  // no header magic
-  ASSERT_NE(nullptr, Reopen());
+  Reopen();
   auto s = Open("S");
   __int64 cursor = 0;
   Hold(s->OpenStreamFirst(&cursor, RO));

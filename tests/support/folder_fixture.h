@@ -1,48 +1,28 @@
-// Shared by the folder tests: a storage of either offset width (and a second
-// one for copies), helpers that read a folder's data, build the bytes of a
-// child slot as the file must hold them, and patch the file.
+// Shared by the folder tests: the storage fixture with a second storage for
+// copies, readers of a folder's data and the bytes a child slot must hold.
 #ifndef KYSTORE_TESTS_SUPPORT_FOLDER_FIXTURE_H_
 #define KYSTORE_TESTS_SUPPORT_FOLDER_FIXTURE_H_
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "support/stream_fixture.h"
 
 namespace kytest {
 
-typedef std::vector<std::string> Names;
-
 // Each test starts with a new, empty storage of the parameter's width.
-class FolderTest : public ::testing::TestWithParam<bool> {
+class FolderTest : public StorageTest {
  protected:
   static constexpr DWORD RW = kModeReadWriteShared, RO = kModeReadShared;
-  void SetUp() override { ASSERT_NE(nullptr, Create()); }
+  void SetUp() override {
+    StorageTest::SetUp();
+    Make(256);
+  }
   void TearDown() override {
-    Close();
     if (other != nullptr) other->Release();
+    StorageTest::TearDown();
   }
-  bool B64() const { return GetParam(); }
-  int64_t W() const { return B64() ? 92 : 80; }
-  int64_t H() const { return B64() ? 40 : 20; }
-
-  // A new storage, or the file opened again, in place of the one held.
-  kyStorage* Create(DWORD blockSize = 256) {
-    Close();
-    kyStorage::g_bUse64BitOffsets = B64() ? 1 : 0;  // restored by `globals`
-    return storage = kyStorage::Create(path.c_str(), RW, blockSize);
-  }
-  kyStorage* Reopen(DWORD mode = RW, int bLoadIntoMemory = 0) {
-    Close();
-    return storage = kyStorage::Open(path.c_str(), mode, 256, bLoadIntoMemory);
-  }
-  void Close() {
-    if (storage != nullptr) storage->Release();
-    storage = nullptr;
-  }
+  kyStorage* Reopen(DWORD mode = RW, int load = 0) { return StorageTest::Reopen(mode, load); }
   // The second storage at `otherPath`, made new or opened again.
   kyStorage* Other(bool create, DWORD blockSize = 64) {
     if (other != nullptr) other->Release();
@@ -84,8 +64,7 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     tag_kyStreamOffset o;
     return folder->FindStream(name, h, o);
   }
-  // A stream's whole data, read from its start ("!" without a stream, "?"
-  // when the read fails).
+  // A stream's whole data ("!" without a stream, "?" when the read fails).
   template <class P>
   static Bytes DataOf(const P& s) {
     if (!s) return Bytes(1, '!');
@@ -101,38 +80,27 @@ class FolderTest : public ::testing::TestWithParam<bool> {
     return std::string(b.begin(), b.end());
   }
   // The W bytes of a child slot.
-  Bytes Slot(const char* name, uint16_t duration, uint8_t flags, int64_t length, int64_t last,
-             int64_t first) const {
+  Bytes ChildSlot(const char* name, uint16_t duration, uint8_t flags, int64_t length, int64_t last,
+                  int64_t first) const {
     Bytes b(static_cast<size_t>(W()), 0);
     Put32(b, 0, kStreamHeaderMagic);
     memcpy(&b[4], name, strlen(name));
     Put16(b, 65, duration);
     b[67] = flags;
-    PutField(b, 68, length);
-    PutField(b, B64() ? 76 : 72, last);
-    PutField(b, B64() ? 84 : 76, first);
+    PutOff(b, 68, length);
+    PutOff(b, B64() ? 76 : 72, last);
+    PutOff(b, B64() ? 84 : 76, first);
     return b;
-  }
-  // Writes an offset or length of the storage's width into `b`.
-  void PutField(Bytes& b, int64_t at, int64_t v) const {
-    if (B64())
-      Put64(b, size_t(at), v);
-    else
-      Put32(b, size_t(at), uint32_t(v));
   }
   // Writes into the file a field of the storage's width, or a DWORD.
   void Patch(int64_t at, int64_t v, bool widthField = true) {
     Bytes image = ReadAll(path);
-    widthField ? PutField(image, at, v) : Put32(image, size_t(at), uint32_t(v));
+    widthField ? PutOff(image, at, v) : Put32(image, size_t(at), uint32_t(v));
     WriteAll(path, image);
   }
   int64_t FirstBlock(kyStream* s) const { return kyTestAccess::Header(s).FirstBlock(B64()); }
-  static int64_t HeaderOffset(kyStream* s) { return kyTestAccess::Offset(s).headerOffset; }
 
-  GlobalsGuard globals;
-  TempDir dir;
-  std::string path = dir.File("tree.kys"), otherPath = dir.File("other.kys");
-  kyStorage* storage = nullptr;
+  std::string otherPath = dir.File("other.kys");
   kyStorage* other = nullptr;
 };
 

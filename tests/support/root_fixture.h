@@ -3,14 +3,9 @@
 #ifndef KYSTORE_TESTS_SUPPORT_ROOT_FIXTURE_H_
 #define KYSTORE_TESTS_SUPPORT_ROOT_FIXTURE_H_
 
-#include <string>
-#include <vector>
-
 #include "support/stream_fixture.h"
 
 namespace kytest {
-
-typedef std::vector<std::string> Names;
 
 class RootTest : public StorageTest {
  protected:

@@ -1,6 +1,5 @@
 // Shared by the storage and stream tests: a storage of either offset width
-// held by the fixture, held streams, and decoders for the bytes on disk,
-// which read only what they need (they also serve large sparse files).
+// held by the fixture, held streams, and decoders for the bytes on disk.
 #ifndef KYSTORE_TESTS_SUPPORT_STREAM_FIXTURE_H_
 #define KYSTORE_TESTS_SUPPORT_STREAM_FIXTURE_H_
 
@@ -21,6 +20,7 @@ namespace kytest {
 
 const DWORD kRW = kModeReadWriteShared;
 const DWORD kRO = kModeReadShared;
+typedef std::vector<std::string> Names;
 
 // Gives a storage or stream back when the test's scope ends.
 struct Releaser {
@@ -36,8 +36,7 @@ Held<T> Hold(T* p) {
   return Held<T>(p);
 }
 
-// Throws for a null object the test cannot go on without: gtest reports a
-// failure instead of a crash.
+// Throws for a null object the test cannot go on without (a failure, not a crash).
 template <class T>
 T* Must(T* p) {
   if (p == nullptr) throw std::runtime_error("no object");

@@ -1,6 +1,6 @@
 // kyTestAccess: the tests' window on private members.  The library's
 // classes name it as a friend; nothing outside tests/ defines it.
-// Add accessors here as tests need them (append only).
+// Add accessors here as tests need them.
 #ifndef KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
 #define KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_
 
@@ -18,8 +18,6 @@ class kyTestAccess {
   static BOOL InMemory(kyStorage* s) { return s->m_bInMemory; }
   static HANDLE File(kyStorage* s) { return s->m_hFile; }
   static __int64 ImageSize(kyStorage* s) { return s->m_imageSize; }
-  static BYTE OpenedFast(kyStorage* s) { return s->m_bOpenedFast; }
-  static DWORD BlockSize(kyStorage* s) { return s->m_dwBlockSize; }
   static t_kyStreamMap& Map(kyStorage* s) { return s->m_streamMap; }
   static t_OpenStreamList& Registry(kyStorage* s) { return s->m_openStreams; }
   static CStringArray& StreamNames(kyStorage* s) { return s->m_streamNames; }
@@ -30,9 +28,6 @@ class kyTestAccess {
   static t_OpenStream* IsStreamOpen(kyStorage* s, const char* name) {
     return s->IsStreamOpen(name);
   }
-  static t_OpenStream* AddNewOpenStream(kyStorage* s, const char* name, DWORD mode) {
-    return s->AddNewOpenStream(name, mode);
-  }
   static int CloseStream(kyStorage* s, const char* name) { return s->CloseStream(name); }
   static __int64 SetFilePointer(kyStorage* s, __int64 d, DWORD m) {
     return s->SetFilePointer(s->m_hFile, d, m);
@@ -40,52 +35,28 @@ class kyTestAccess {
   static BOOL ReadFile(kyStorage* s, void* buf, __int64 n, __int64* got) {
     return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
   }
-  static __int64 MemPos(kyStorage* s) { return s->m_memPos; }
   static bool WriteStreamHeader(kyStorage* s, __int64 off, t_kyStreamU& h) {
     return s->WriteStreamHeader(off, h);
   }
 
   // --- kyStream ----------------------------------------------------------
   static t_kyStreamU& Header(kyStream* s) { return s->m_hdr; }
-  static DataBlock& BlockHeader(kyStream* s) { return s->m_blockHdr; }
   static tag_kyStreamOffset& Offset(kyStream* s) { return s->m_offset; }
   static DWORD& OpenMode(kyStream* s) { return s->m_dwOpenMode; }
   static __int64 CurBlock(kyStream* s) { return s->m_iCurBlock; }
   static __int64 BlockPos(kyStream* s) { return s->m_iBlockPos; }
   static __int64 DataPos(kyStream* s) { return s->m_iDataPos; }
-  static __int64 StreamMemPos(kyStream* s) { return s->m_memPos; }
   static t_kyChildMap* PreloadMap(kyStream* s) { return s->m_pPreloadMap; }
   static t_OpenStreamList& Children(kyStream* s) { return s->m_openChildren; }
-  static DWORD& NumChildren(kyStream* s) { return s->m_nChildren; }
-  static kyStorage* Storage(kyStream* s) { return s->m_pStorage; }
-  static __int64 SeekRight(kyStream* s, __int64 d, bool fromStart) {
-    return s->SeekRight(d, fromStart);
-  }
-  static __int64 SeekLeft(kyStream* s, __int64 d, bool fromEnd) { return s->SeekLeft(d, fromEnd); }
-  static __int64 AllocateFirstBlock(kyStream* s) { return s->AllocateFirstBlock(); }
   static __int64 AllocateNextBlock(kyStream* s, __int64 prev) { return s->AllocateNextBlock(prev); }
-  static BOOL StreamReadFile(kyStream* s, void* buf, __int64 n, __int64* got) {
-    return s->ReadFile(s->m_hFile, buf, n, got, nullptr);
-  }
   static __int64 StreamSetFilePointer(kyStream* s, __int64 d, DWORD m) {
     return s->SetFilePointer(s->m_hFile, d, m);
-  }
-  static kyStream* OpenChildByOffset(kyStream* s, t_kyStreamU& h, tag_kyStreamOffset& o,
-                                     const char* name, DWORD mode) {
-    return s->OpenStreamByOffset(h, o, name, mode);
-  }
-  // Makes a root stream object over a header without going through the
-  // storage's open operations.
-  static kyStream* MakeRootStream(kyStorage* s, t_kyStreamU& h, tag_kyStreamOffset& o) {
-    kyStream* stm = new kyStream(s, h, s->m_hFile, o);
-    return stm;
   }
 
   // --- CCompRecorder -----------------------------------------------------
   static RecStmStruct* Stack(CCompRecorder* r) { return r->m_aStmStack; }
   static unsigned char* Buffer(CCompRecorder* r) { return r->m_pBuffer; }
   static int OwnsBuffer(CCompRecorder* r) { return r->m_bOwnBuffer; }
-  static unsigned int GrowBy(CCompRecorder* r) { return r->m_nGrowBy; }
   static void PushOp(CCompRecorder* r, RecOpEnum op, const char* name, unsigned char* data,
                      DWORD n) {
     r->PushOp(op, name, data, n);
@@ -104,8 +75,6 @@ class kyTestAccess {
     return new kyStream(parent, h, INVALID_HANDLE_VALUE, o);
   }
   static void DeleteStream(kyStream* s) { delete s; }
-  // Marks an object made above as holding one open in its owner's registry.
-  static void MarkCounted(kyStream* s) { s->m_bCounted = true; }
 };
 
 #endif  // KYSTORE_TESTS_SUPPORT_TEST_ACCESS_H_

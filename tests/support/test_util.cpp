@@ -1,6 +1,5 @@
 #include "support/test_util.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -43,42 +42,6 @@ int64_t FileSize(const std::string& path) {
 bool Exists(const std::string& path) {
   std::error_code ec;
   return std::filesystem::exists(path, ec);
-}
-
-uint32_t Get32(const Bytes& b, size_t at) {
-  uint32_t v;
-  memcpy(&v, &b.at(at + 3) - 3, 4);
-  return v;
-}
-int64_t Get64(const Bytes& b, size_t at) {
-  int64_t v;
-  memcpy(&v, &b.at(at + 7) - 7, 8);
-  return v;
-}
-uint16_t Get16(const Bytes& b, size_t at) {
-  uint16_t v;
-  memcpy(&v, &b.at(at + 1) - 1, 2);
-  return v;
-}
-void Put32(Bytes& b, size_t at, uint32_t v) {
-  memcpy(&b.at(at + 3) - 3, &v, 4);
-}
-void Put64(Bytes& b, size_t at, int64_t v) {
-  memcpy(&b.at(at + 7) - 7, &v, 8);
-}
-void Put16(Bytes& b, size_t at, uint16_t v) {
-  memcpy(&b.at(at + 1) - 1, &v, 2);
-}
-
-GlobalsGuard::GlobalsGuard()
-    : m_use64(kyStorage::g_bUse64BitOffsets),
-      m_maxTolvar(kyStorage::g_iMaxTolvarSize),
-      m_maxCompStm(kyStorage::g_iMaxCompStmSize) {}
-
-GlobalsGuard::~GlobalsGuard() {
-  kyStorage::g_bUse64BitOffsets = m_use64;
-  kyStorage::g_iMaxTolvarSize = m_maxTolvar;
-  kyStorage::g_iMaxCompStmSize = m_maxCompStm;
 }
 
 }  // namespace kytest
