@@ -100,16 +100,6 @@ class StorageTest : public ::testing::TestWithParam<bool> {
     if (storage != nullptr) storage->Release();
     storage = nullptr;
   }
-  // A storage the caller holds, beside the fixture's own.
-  kyStorage* CreateStorage(DWORD blockSize) {
-    return kyStorage::Create(path.c_str(), kRW, blockSize);
-  }
-  static kyStream* NewStream(kyStorage* s, const char* name, DWORD type = 0) {
-    return s->CreateStream(name, type, kRW);
-  }
-  static kyStream* NewStream(const Held<kyStorage>& s, const char* name, DWORD type = 0) {
-    return NewStream(s.get(), name, type);
-  }
   kyStream* New(const std::string& name, DWORD type = 0) {
     return Must(storage->CreateStream(name.c_str(), type, kRW));
   }
