@@ -48,11 +48,17 @@ bool kyStream::CopyStream(kyStream* dst) {
   if (dst == nullptr || IsSameStream(dst)) return false;
   // The size-prefix mark tells how the data are laid out, so it goes with
   // them; the erase writes it out with the header.  A folder's flags stay.
-  if ((dst->m_hdr.Flags() & kFolderFlag) == 0) {
-    dst->m_hdr.Flags() = static_cast<BYTE>((dst->m_hdr.Flags() & ~kSizePrefixFlag) |
-                                           (m_hdr.Flags() & kSizePrefixFlag));
+  // A destination that cannot be erased (opened without write access, or
+  // the header write failed) keeps its mark and is not copied into.
+  const BYTE oldFlags = dst->m_hdr.Flags();
+  if ((oldFlags & kFolderFlag) == 0) {
+    dst->m_hdr.Flags() =
+        static_cast<BYTE>((oldFlags & ~kSizePrefixFlag) | (m_hdr.Flags() & kSizePrefixFlag));
   }
-  dst->Erase();
+  if (!dst->Erase()) {
+    dst->m_hdr.Flags() = oldFlags;
+    return false;
+  }
   const __int64 length = GetLength();
   if (length <= 0) return false;
   // A length the file cannot hold is damage; the reads would come short.

@@ -102,6 +102,8 @@ bool kyStream::AppendSlot(const char* name, DWORD dwType, t_kyStreamU& header,
 
 kyStream* kyStream::CreateStream(const char* name, DWORD dwType, DWORD dwMode, int bCheckExisting) {
   if (m_hdr.Flags() != kFolderFlag || !IsValidStreamName(name)) return nullptr;
+  // Children another object of this folder added must be seen and kept.
+  if (!CatchUpWithHeaderOnDisk()) return nullptr;
   t_kyStreamU header;
   tag_kyStreamOffset offset;
   memset(&header, 0, sizeof(header));

@@ -85,6 +85,31 @@ bool kyStream::WriteStreamHeader(__int64 offset, t_kyStreamU& header) {
   return WriteFile(m_hFile, &header, width, &written, nullptr) && written == width;
 }
 
+// Another object of the same stream may have written to it since this one
+// read its header (a folder's children added through a second object of
+// the folder), so the length and chain ends on disk can be ahead of this
+// object's copy; writing that copy back would cut off what the other object
+// added.  Chains only grow at their end, so taking the newer values over
+// keeps this object's cursor valid.  False when the slot on disk is no
+// longer this stream's (damage): the caller then refuses to write.
+bool kyStream::CatchUpWithHeaderOnDisk() {
+  if (m_pStorage == nullptr || m_offset.headerOffset <= 0 || StorageInMemory()) return true;
+  const bool b64 = W64();
+  t_kyStreamU disk;
+  memset(&disk, 0, sizeof(disk));
+  if (!m_pStorage->ReadAt(m_offset.headerOffset, disk.raw, HeaderWidth())) return false;
+  if (disk.Magic() != kStreamHeaderMagic ||
+      strncmp(disk.Name(), m_hdr.Name(), static_cast<size_t>(kMaxNameLength)) != 0)
+    return false;
+  const __int64 first = m_hdr.FirstBlock(b64);
+  if (first != 0 && disk.FirstBlock(b64) != first) return false;  // another chain
+  if (disk.Length(b64) <= m_hdr.Length(b64)) return true;
+  m_hdr.SetLength(b64, disk.Length(b64));
+  m_hdr.SetFirstBlock(b64, disk.FirstBlock(b64));
+  m_hdr.SetLastBlock(b64, disk.LastBlock(b64));
+  return true;
+}
+
 // A stream's header goes back through its parent folder, or through the
 // storage for a root stream.
 bool kyStream::WriteHeaderBack() {

@@ -345,6 +345,10 @@ class kyStream {
   __int64 SeekRight(__int64 distance, bool bFromStart);
   __int64 SeekLeft(__int64 distance, bool bFromEnd);
   bool WriteHeaderBack();
+  // Takes over a longer length (and the chain ends) that another object of
+  // this stream wrote to its header on disk; false when the slot on disk no
+  // longer holds this stream.
+  bool CatchUpWithHeaderOnDisk();
   bool WriteStreamHeader(__int64 offset, t_kyStreamU& header);
 
   // Registry of open children.
