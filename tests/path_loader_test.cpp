@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <string>
+#include <tuple>
 
+#include "support/record_builders.h"
 #include "support/root_fixture.h"
 
 namespace {
@@ -39,24 +41,21 @@ class PathLoaderTest : public RootTest {
 
 TEST_P(PathLoaderTest, PathsReachTheirStreamAndHoldTheLevelsOpened) {
   // The path of the stream reached ("" for none) and Top's open objects.
-  const struct {
-    const char *path, *reached;
-    int bCreate, topHeld;
-  } cases[] = {{"Top/Mid/Leaf", "Top/Mid/Leaf", 0, 1},
-               {"Top/Mid/", "Top/Mid", 0, 1},
-               {"Top", "Top", 0, 1},
-               {"/Top", "", 0, 0},
-               {"", "", 0, 0},
-               {"Top//Mid", "", 0, 1},
-               {"Top/Nope/Leaf", "", 0, 1},
-               {"Top//Mid", "", 1, 1},
-               {"Nope", "", 0, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    kyStream* got = loader.GetStreamByPath(storage, c.path, 0, c.bCreate);
-    EXPECT_EQ(c.reached, got ? PathOf(got) : "");
+  const std::tuple<const char*, std::string, int, int> cases[] = {
+      {"Top/Mid/Leaf", "Top/Mid/Leaf", 0, 1},
+      {"Top/Mid/", "Top/Mid", 0, 1},
+      {"Top", "Top", 0, 1},
+      {"/Top", "", 0, 0},
+      {"", "", 0, 0},
+      {"Top//Mid", "", 0, 1},
+      {"Top/Nope/Leaf", "", 0, 1},
+      {"Top//Mid", "", 1, 1},
+      {"Nope", "", 0, 0}};
+  for (const auto& [where, reached, bCreate, topHeld] : cases) {
+    kyStream* got = loader.GetStreamByPath(storage, where, 0, bCreate);
+    EXPECT_EQ(reached, got ? PathOf(got) : "") << where;
     t_OpenStream* top = kyTestAccess::IsStreamOpen(storage, "Top");
-    EXPECT_EQ(c.topHeld, top ? top->m_nCount : 0);
+    EXPECT_EQ(topHeld, top ? top->m_nCount : 0) << where;
     loader.CloseOpenStorages();
     EXPECT_EQ(0, Records());
   }
@@ -85,23 +84,17 @@ TEST_P(PathLoaderTest, HeldStreamsAreReleasedLeafMidTop) {
   unsigned char byte = 7;
   kyTestAccess::Recorder(storage)->OpWrite(&byte, 1, 0, leaf, 0);
   loader.CloseOpenStorages();
-  std::unique_ptr<CCompRecorder> rec(Must(storage->StopRecording()));
-  const unsigned char* p = kyTestAccess::Buffer(rec.get());
-  EXPECT_EQ(Bytes(p, p + rec->GetDataLength()),
-            Bytes({1,   3,   0,   'T', 'o', 'p', 1, 1, 3, 0, 'M', 'i', 'd', 1, 1, 4, 0,
-                   'L', 'e', 'a', 'f', 1,   5,   0, 0, 1, 0, 0,   0,   7,   3, 3, 3}));
+  EXPECT_EQ(StopBytes(storage),
+            Rec().Enter("Top", 1).Enter("Mid", 1).Enter("Leaf", 1).Write(0, 0, "\7").Leave(3).b);
 }
 
 TEST_P(PathLoaderTest, DeleteByPathRemovesAndLeavesNothingHeld) {
   ASSERT_NE(nullptr, loader.GetStreamByPath(storage, "Top", 0, 0));
   EXPECT_EQ(1, loader.DeleteStreamByPath(storage, "Top/Mid"));
-  EXPECT_EQ(0, Records());                                      // the earlier Top too
-  EXPECT_EQ(0, loader.DeleteStreamByPath(storage, "Top/Mid"));  // gone
-  EXPECT_EQ(0, Records());
+  EXPECT_EQ(0, loader.DeleteStreamByPath(storage, "Top/Mid") + Records());  // gone; Top released
   // A stream the loader already holds is another open object: refused.
   ASSERT_NE(nullptr, loader.GetStreamByPath(storage, "Top", 0, 0));
-  EXPECT_EQ(0, loader.DeleteStreamByPath(storage, "Top"));
-  EXPECT_EQ(0, Records());
+  EXPECT_EQ(0, loader.DeleteStreamByPath(storage, "Top") + Records());
   EXPECT_EQ(1, loader.DeleteStreamByPath(storage, "Top"));
   EXPECT_EQ(nullptr, storage->OpenStream("Top", kRO));
 }

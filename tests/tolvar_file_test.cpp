@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <tuple>
 
 #include "support/root_fixture.h"
 
@@ -66,49 +67,51 @@ TEST_P(TolvarTest, CreateStreamNameSpellsHexadecimal) {
 TEST_P(TolvarTest, OpenModesCreateOnlyWhereNoFileExists) {
   const std::string other = dir.File("other.txt");
   WriteAll(other, Bytes{'k', 'e', 'e', 'p'});
-  struct Case {
-    std::string name;
-    int mode, result, created;
-  } cases[] = {{path, 1, 0, 0}, {path, 3, 0, 0},  {path, 4, 0, 0},  {path, 2, 1, 1},
-               {path, 1, 1, 0}, {other, 2, 0, 0}, {other, 1, 0, 0}, {path, 0, 0, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name + " mode " + std::to_string(c.mode));
+  // name, mode, result, created
+  const std::tuple<std::string, int, int, int> cases[] = {
+      {path, 1, 0, 0}, {path, 3, 0, 0},  {path, 4, 0, 0},  {path, 2, 1, 1},
+      {path, 1, 1, 0}, {other, 2, 0, 0}, {other, 1, 0, 0}, {path, 0, 0, 0}};
+  for (const auto& [name, mode, result, created] : cases) {
     CTolvarFile f;
-    EXPECT_EQ(c.result, f.Open(c.name.c_str(), c.mode));
-    EXPECT_EQ(c.created, f.m_bCreated);
-    EXPECT_EQ(c.result ? c.mode : 0, f.m_iMode);
+    EXPECT_EQ(result, f.Open(name.c_str(), mode)) << name << mode;
+    EXPECT_EQ(Names({std::to_string(created), std::to_string(result ? mode : 0)}),
+              Names({std::to_string(f.m_bCreated), std::to_string(f.m_iMode)}));
   }
   EXPECT_EQ(Bytes({'k', 'e', 'e', 'p'}), ReadAll(other));
 }
 
-TEST_P(TolvarTest, ChildWritesAppendOrEraseAndReadsSeekBack) {
+TEST_P(TolvarTest, ChildWritesAppendOrEraseChildNamesWalkAndReadsSeekBack) {
   ASSERT_EQ(1, file.Open(path.c_str(), 2));
   int created = 0;
   ASSERT_EQ(1, file.OpenOrCreateGenericStream("1a2b3c4d", 0, 1, created));
   EXPECT_EQ(1, created);
   ASSERT_EQ(1, file.WriteGenericChildStream("c", U("abcdef"), 6, 0, 0));
-  struct Case {
-    const char* data;
-    int bAppend, bEraseOld;
-    const char* after;
-  } cases[] = {
+  const std::tuple<const char*, int, int, const char*> cases[] = {
       {"XY", 0, 0, "XYcdef"}, {"12", 1, 0, "XYcdef12"}, {"Q", 0, 1, "Q"}, {"RS", 1, 1, "QRS"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.data);
-    const LONG n = static_cast<LONG>(strlen(c.data));
-    ASSERT_EQ(1, file.WriteGenericChildStream("c", U(c.data), n, c.bAppend, c.bEraseOld));
+  for (const auto& [data, bAppend, bEraseOld, after] : cases) {
+    const LONG n = static_cast<LONG>(strlen(data));
+    ASSERT_EQ(1, file.WriteGenericChildStream("c", U(data), n, bAppend, bEraseOld));
     ASSERT_EQ(1, file.OpenGenericStreams(C("1a2b3c4d"), C("c")));
-    EXPECT_EQ(c.after, ChildText());
+    EXPECT_EQ(after, ChildText());
   }
   ASSERT_EQ(1, file.GoToEndOfGenericChildStream());
   EXPECT_EQ(2u, file.WriteGenericChildOpenedStream(U("!!"), 2, 0));
   EXPECT_EQ("QRS!!", ChildText());
+  ASSERT_EQ(1, file.WriteGenericChildStream("d", U("x"), 1, 0, 0));
+  for (int pass = 0; pass < 2; ++pass) {  // a null child starts the walk of names again
+    kyStream* child = nullptr;
+    Names names;
+    for (char* n; (n = file.GetNextChildStreamName(child)), child != nullptr;) names.push_back(n);
+    EXPECT_EQ(Names({"c", "d"}), names);
+  }
 
   // A plain stream: no child is opened; a tag read leaves the position.
   ASSERT_EQ(1, file.OpenOrCreateGenericStream("plain", 0, 0, created));
   ASSERT_EQ(1, file.WriteGenericStream(U("TAG1body"), 8));
   EXPECT_EQ(1, file.OpenGenericStreams(C("plain"), C("c")));
   EXPECT_EQ(nullptr, file.m_pChildStream);
+  kyStream* none = nullptr;
+  EXPECT_EQ(nullptr, file.GetNextChildStreamName(none));
   unsigned char tag[16] = {};
   for (int64_t want : {4, 16}) {  // a full read and a short one
     ASSERT_EQ(1, file.GoToBeginningOfGenericStream());
@@ -120,23 +123,6 @@ TEST_P(TolvarTest, ChildWritesAppendOrEraseAndReadsSeekBack) {
   EXPECT_EQ(0, file.SeekForward(100));
   ASSERT_EQ(1, file.OpenOrCreateGenericStream("plain", 1, 0));
   EXPECT_EQ(0, file.ReadTagSeekBack(tag, 4));  // at the end
-}
-
-TEST_P(TolvarTest, ChildNamesWalkThreeChildrenThenEnd) {
-  EXPECT_STREQ("", file.m_szName);
-  ASSERT_EQ(1, file.Open(path.c_str(), 2));
-  ASSERT_EQ(1, file.OpenOrCreateGenericStream("10000000", 0, 1));
-  for (const char* name : {"one", "two", "three"})
-    ASSERT_EQ(1, file.WriteGenericChildStream(name, U("x"), 1, 0, 0));
-  for (int pass = 0; pass < 2; ++pass) {  // a null child starts again
-    kyStream* child = nullptr;
-    Names names;
-    for (char* n; (n = file.GetNextChildStreamName(child)), child != nullptr;) names.push_back(n);
-    EXPECT_EQ(Names({"one", "two", "three"}), names);
-  }
-  kyStream* child = nullptr;
-  ASSERT_EQ(1, file.OpenOrCreateGenericStream("plain", 0, 0));
-  EXPECT_EQ(nullptr, file.GetNextChildStreamName(child));
 }
 
 TEST_P(TolvarTest, RemovalsCloseWhatPointsIntoTheRemovedStream) {

@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/global_mem.h"
 #include "support/folder_fixture.h"
+#include "support/record_builders.h"
 
 namespace kytest {
 namespace {
@@ -31,32 +34,6 @@ ValueCase Case(const std::string& name, T value, std::vector<Bytes> pieces) {
             out << v;
           },
           pieces};
-}
-
-Bytes Chars(const std::string& s) {
-  return Bytes(s.begin(), s.end());
-}
-
-// Records as the recorder writes them: an enter, and a write (5) or append
-// (6) record from its head bytes and data.
-Bytes Enter(const std::string& name, uint8_t flag, uint8_t kind = 1) {
-  return Concat(Concat({kind, static_cast<uint8_t>(name.size()), 0}, Chars(name)), {flag});
-}
-Bytes Rec(Bytes head, const Bytes& data) {
-  Bytes n(4, 0);
-  Put32(n, 0, static_cast<uint32_t>(data.size()));
-  return Concat(Concat(head, n), data);
-}
-const Bytes kLeave = {3};
-
-// The bytes of a recording; the recorder is deleted.
-Bytes Recorded(CCompRecorder* rec) {
-  unsigned int n = 0;
-  rec->SeekToBegin();
-  const unsigned char* p = rec->PeekAll(&n);
-  const Bytes out(p, p + n);
-  delete rec;
-  return out;
 }
 
 std::vector<ValueCase> Cases() {
@@ -114,14 +91,15 @@ TEST_P(StreamValues, EveryFormHasItsBytesRecordsAndReadsBack) {
     kyStream* v = New("v");
     ASSERT_EQ(1, storage->StartRecording());
     c.put(*v);
-    Bytes bytes, expected = Enter("v", 0);
+    Bytes bytes;
+    Rec expected = Rec().Enter("v", 0);
     for (const Bytes& p : c.pieces) {
       bytes = Concat(bytes, p);
-      expected = Concat(expected, Rec({5, 0, 1}, p));
+      expected.Write(0, 1, p);
     }
     EXPECT_EQ(Contents(v, v->GetLength()), bytes);
     v->Release();
-    EXPECT_EQ(Concat(expected, kLeave), Recorded(storage->StopRecording()));
+    EXPECT_EQ(expected.Leave().b, StopBytes(storage));
     Held<kyStream> r = Hold(OpenRoot("v"));
     EXPECT_EQ(Image([&](kyStream& out) { c.copy(*r, out); }), bytes);
 
@@ -137,10 +115,7 @@ TEST_P(StreamValues, EveryFormHasItsBytesRecordsAndReadsBack) {
 // the stream could hold it, else only the bytes that came.
 TEST_P(StreamValues, ShortStringsAndNumbers) {
   Make(64);
-  struct {
-    Bytes data;
-    std::string stored, memory;
-  } cases[] = {
+  const std::tuple<Bytes, std::string, std::string> cases[] = {
       {{0xFF, 0xFF, 5, 0, 0, 0, 'h', 'e', 'l', 'l', 'o'}, "hello", "hello"},
       {{5, 0, 'a', 'b'}, std::string("ab\0\0\0", 5), "ab"},
       {{3, 0, 'a'}, std::string("a\0\0", 3), std::string("a\0\0", 3)},
@@ -150,18 +125,14 @@ TEST_P(StreamValues, ShortStringsAndNumbers) {
       {{0xFF, 0xFF, 1, 0}, "", ""},
   };
   int i = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(i);
+  for (const auto& [data, stored, memory] : cases) {
     Held<kyStream> w = Hold(New("s" + std::to_string(i++)));
-    ASSERT_EQ(static_cast<int64_t>(c.data.size()), w->Write(c.data.data(), c.data.size()));
+    ASSERT_EQ(static_cast<int64_t>(data.size()), w->Write(data.data(), data.size()));
     CString got("old");
     ASSERT_EQ(0, w->Seek(0, 0));
     *w >> got;
-    EXPECT_EQ(got.str(), c.stored);
-    FromMemory(c.data, [&](kyStream& m) {
-      m >> got;
-      EXPECT_EQ(got.str(), c.memory);
-    });
+    EXPECT_EQ(got.str(), stored) << i;
+    FromMemory(data, [&](kyStream& m) { EXPECT_EQ((m >> got, got.str()), memory) << i; });
   }
   FromMemory({1, 2}, [](kyStream& m) {  // numbers keep the bytes that did not come
     int v = 0x7F7F7F7F;
@@ -234,28 +205,6 @@ TEST(MemoryStream, ReadsACallersBlockAndFreesOnlyItsOwn) {
   GlobalFree(kept);
 }
 
-// The file operations of the base class have no storage to work on.
-TEST(MemoryStream, FileOperationsFailCleanly) {
-  kyStream2 m;
-  m << 42;
-  BYTE* buf = reinterpret_cast<BYTE*>(&m);
-  long long len = 7;
-  RECT rc = {1, 2, 3, 4}, out = {};
-  EXPECT_EQ(-1, m.Seek(0, 0));
-  EXPECT_EQ(-1, m.Seek(0, 1));
-  EXPECT_FALSE(m.SetLength(0) || m.PrependSize(4) || m.GetVerifiedDataLength(len) || m.Remove());
-  EXPECT_EQ(0u, m.CopyStreamToBuffer(buf, FALSE));
-  EXPECT_EQ(nullptr, buf);
-  EXPECT_EQ(0, m.SetEntry("k", 1) + m.SetEntry("k", "v") + m.SetEntry("k", "AB", 2));
-  EXPECT_EQ(5, m.GetEntry("k", 5));
-  EXPECT_EQ(4, m.GetEntry("k", &out, &rc)->bottom);
-  int size = 0;
-  void* block = m.Detach(size);
-  EXPECT_EQ(4, size);  // the value written before is intact
-  EXPECT_EQ(42, *static_cast<int*>(block));
-  GlobalFree(block);
-}
-
 class EntriesTest : public FolderTest {
  protected:
   void SetUp() override {
@@ -285,66 +234,51 @@ class EntriesTest : public FolderTest {
   kyStream* folder = nullptr;
 };
 
-// One typed setter called the same way on a folder and on the storage, its
-// bytes, and a check of the getter of the same width.
-struct Typed {
-  const char* key;
-  std::function<int(kyStream*)> setFolder;
-  std::function<int(kyStorage*)> setRoot;
-  std::function<bool(kyStream*)> getFolder;
-  std::function<bool(kyStorage*)> getRoot;
-  Bytes bytes;
-};
-template <class T, class R = T>
-Typed Row(const char* key, T v, Bytes bytes) {
-  auto set = [key, v](auto* s) { return s->SetEntry(key, v); };
-  auto get = [key, v](auto* s) { return R(s->GetEntry(key, T{})) == R(v); };
-  return {key, set, set, get, get, bytes};
+// The typed setters shared by folders and the storage, and the getters of
+// the same width.
+template <class O>
+int SetEach(O* o) {
+  return o->SetEntry("i", 7) + o->SetEntry("d", static_cast<DWORD>(0xFFFFFFFEu)) +
+         o->SetEntry("l", static_cast<__int64>(-5)) +
+         o->SetEntry("u", static_cast<unsigned __int64>(5)) + o->SetEntry("f", 1.0) +
+         o->SetEntry("s", "abc");
+}
+template <class O>
+void ExpectEach(O* o) {
+  EXPECT_EQ(7, o->GetEntry("i", 0));
+  EXPECT_EQ(0xFFFFFFFEu, o->GetEntry("d", static_cast<DWORD>(0)));
+  EXPECT_EQ(-5, o->GetEntry("l", static_cast<__int64>(0)));
+  EXPECT_EQ(5u, o->GetEntry("u", static_cast<unsigned __int64>(0)));
+  EXPECT_EQ(1.0, o->GetEntry("f", 0.0));
+  EXPECT_EQ(CString("abc"), o->GetEntry("s", ""));
 }
 
 TEST_P(EntriesTest, EachOverloadWritesItsWidthAndReadsBack) {
-  const std::vector<Typed> rows = {
-      Row("i", 7, {7, 0, 0, 0}),
-      Row("d", static_cast<DWORD>(0xFFFFFFFEu), {0xFE, 0xFF, 0xFF, 0xFF}),
-      Row("l", static_cast<__int64>(-5), {0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
-      Row("u", static_cast<unsigned __int64>(5), {5, 0, 0, 0, 0, 0, 0, 0}),
-      Row("f", 1.0, {0, 0, 0, 0, 0, 0, 0xF0, 0x3F}),
-      Row<const char*, CString>("s", "abc", {3, 0, 'a', 'b', 'c'}),
-  };
-  for (int load = 0; load < 2; ++load) {
-    for (const Typed& r : rows) {
-      SCOPED_TRACE(r.key);
-      EXPECT_EQ(1, r.setFolder(folder));
-      EXPECT_EQ(1, r.setRoot(storage));
-      EXPECT_EQ(r.bytes, Value(folder, r.key));
-      EXPECT_EQ(r.bytes, Value(storage, r.key));
-    }
-    ReopenAll(RO, load);
-    for (const Typed& r : rows) {
-      SCOPED_TRACE(r.key);
-      EXPECT_TRUE(r.getFolder(folder));
-      EXPECT_TRUE(r.getRoot(storage));
-    }
-    ReopenAll(RW, 0);
-  }
-  long long pos = 0;  // binds the __int64 forms
-  Held<kyStream> i = Hold(folder->OpenStream("i", RO));
-  char buf[10];
-  EXPECT_EQ(4, i->Read(buf, 10LL));
-  EXPECT_EQ(TRUE, i->GetVerifiedDataLength(pos));
-  EXPECT_EQ(4, pos);
-}
-
-TEST_P(EntriesTest, RectSizeAndOverwrites) {
+  const std::pair<const char*, Bytes> bytes[] = {
+      {"i", {7, 0, 0, 0}},
+      {"d", {0xFE, 0xFF, 0xFF, 0xFF}},
+      {"l", {0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+      {"u", {5, 0, 0, 0, 0, 0, 0, 0}},
+      {"f", {0, 0, 0, 0, 0, 0, 0xF0, 0x3F}},
+      {"s", {3, 0, 'a', 'b', 'c'}},
+      {"r", {0xFF, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0, 3, 0, 0, 0, 4, 3, 2, 1}},
+      {"z", {0x80, 2, 0, 0, 0x20, 0xFE, 0xFF, 0xFF}}};
   RECT rc = {-1, 2, 3, 0x01020304};
   SIZE sz = {640, -480};
-  ASSERT_EQ(1, folder->SetEntry("r", &rc));
-  ASSERT_EQ(1, folder->SetEntry("z", &sz));
-  EXPECT_EQ(Bytes({0xFF, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0, 3, 0, 0, 0, 4, 3, 2, 1}),
-            Value(folder, "r"));
-  EXPECT_EQ(Bytes({0x80, 2, 0, 0, 0x20, 0xFE, 0xFF, 0xFF}), Value(folder, "z"));
-  EXPECT_EQ(0x01020304, folder->GetEntry("r", &rc, nullptr)->bottom);
-  EXPECT_EQ(-480, folder->GetEntry("z", &sz, nullptr)->cy);
+  for (int load = 0; load < 2; ++load) {
+    EXPECT_EQ(8, SetEach(folder) + folder->SetEntry("r", &rc) + folder->SetEntry("z", &sz));
+    EXPECT_EQ(6, SetEach(storage));
+    for (const auto& b : bytes) {
+      EXPECT_EQ(b.second, Value(folder, b.first)) << b.first;
+      EXPECT_EQ(strchr("rz", b.first[0]) ? Bytes({0xBA, 0xD0}) : b.second, Value(storage, b.first));
+    }
+    ReopenAll(RO, load);
+    ExpectEach(folder);
+    ExpectEach(storage);
+    EXPECT_EQ(0x01020304, folder->GetEntry("r", &rc, nullptr)->bottom);
+    EXPECT_EQ(-480, folder->GetEntry("z", &sz, nullptr)->cy);
+    ReopenAll(RW, 0);
+  }
   // Written over the start without cutting: the old tail stays.
   ASSERT_EQ(1, folder->SetEntry("k", 7));
   ASSERT_EQ(1, folder->SetEntry("k", "abc"));
@@ -435,25 +369,21 @@ TEST_P(EntriesTest, GettersGiveDefaults) {
     SCOPED_TRACE(key);
     RECT rc = {};
     SIZE sz = {};
-    EXPECT_EQ(42, folder->GetEntry(key, 42));
+    EXPECT_EQ(42, folder->GetEntry(key, 42) + storage->GetEntry(key, 42) - 42);
     EXPECT_EQ(42u, folder->GetEntry(key, 42u));
     EXPECT_EQ(2.5, folder->GetEntry(key, 2.5));
     EXPECT_EQ(-3, folder->GetEntry(key, static_cast<__int64>(-3)));
-    EXPECT_EQ(9, folder->GetEntry(key, &rc, &def)->left);
-    EXPECT_EQ(7, folder->GetEntry(key, &sz, &sdef)->cx);
-    EXPECT_EQ(42, storage->GetEntry(key, 42));
-  }
-  EXPECT_EQ(CString("dflt"), folder->GetEntry("missing", "dflt"));
-  EXPECT_EQ(CString("dflt"), folder->GetEntry("sub", "dflt"));
+    EXPECT_EQ(16, folder->GetEntry(key, &rc, &def)->left + folder->GetEntry(key, &sz, &sdef)->cx);
+    const std::string text = key[0] != 'b' ? "dflt" : std::string(key[1] == '2' ? 513 : 0, 0);
+    EXPECT_EQ(text, folder->GetEntry(key, "dflt").str());
+  }  // a string: padded as a short one, empty without its whole length
   EXPECT_EQ(CString(""), folder->GetEntry("missing", nullptr));
-  EXPECT_EQ(CString(""), folder->GetEntry("b1", "dflt"));  // no whole length: empty
   // Too short for a RECT: the default, or the bytes read without one.
   RECT rc = {5, 5, 5, 5};
   EXPECT_EQ(9, folder->GetEntry("b8", &rc, &def)->top);
   rc = {5, 5, 5, 5};
   EXPECT_EQ(&rc, folder->GetEntry("b8", &rc, nullptr));
-  EXPECT_EQ(2, rc.top);
-  EXPECT_EQ(5, rc.right);
+  EXPECT_TRUE(rc.top == 2 && rc.right == 5);
   EXPECT_EQ(1, kyTestAccess::Children(folder).GetCount());  // `sub` only: the getters released
 }
 
@@ -492,41 +422,39 @@ TEST_P(EntriesTest, SettersRefuseFolders) {
       [&] { return storage->SetEntryFast("ff", 7); },
   };
   for (const auto& set : setters) EXPECT_EQ(0, set());
-  EXPECT_EQ(Bytes(), Recorded(storage->StopRecording()));
+  EXPECT_EQ(Bytes(), StopBytes(storage));
   EXPECT_EQ(before, ReadAll(path));
 }
 
 TEST_P(EntriesTest, SettersRecordBeforeTheyWrite) {
   RECT rc = {1, 2, 3, 4};
-  auto inCfg = [](const Bytes& r) {
-    return Concat(Concat(Concat(Enter("Cfg", 1), Enter("k", 0)), r), {3, 3});
+  auto inCfg = [](const Rec& r) {
+    return Concat(Rec().Enter("Cfg", 1).Enter("k", 0).b, Rec(r).Leave(2).b);
   };
-  auto atRoot = [](const char* k, uint8_t kind, const Bytes& r) {
-    return Concat(Concat(Enter(k, 0, kind), r), kLeave);
-  };
-  const Bytes seven = {7, 0, 0, 0}, ab = Chars("AB");
+  const Bytes seven = {7, 0, 0, 0}, rect = {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0};
+  const Bytes atRoot = Rec().Enter("k", 0).Write(0, 1, seven).Leave().b;
   struct {
     std::function<int()> set;
     Bytes records;
   } rows[] = {
-      {[&] { return folder->SetEntry("k", 7); }, inCfg(Rec({5, 0, 1}, seven))},
-      {[&] { return folder->SetEntry("k", &rc); },
-       inCfg(Rec({5, 0, 1}, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0}))},
-      {[&] { return folder->SetEntry("k", ""); }, inCfg(Rec({5, 0, 1}, {0, 0}))},
+      {[&] { return folder->SetEntry("k", 7); }, inCfg(Rec().Write(0, 1, seven))},
+      {[&] { return folder->SetEntry("k", &rc); }, inCfg(Rec().Write(0, 1, rect))},
+      {[&] { return folder->SetEntry("k", ""); }, inCfg(Rec().Write(0, 1, Bytes{0, 0}))},
       {[&] { return folder->SetEntry("k", "ab"); },
-       inCfg(Concat(Rec({5, 0, 1}, {2, 0}), Rec({5, 0, 1}, Chars("ab"))))},
-      {[&] { return folder->SetEntry("k", "AB", 2); }, inCfg(Rec({6, 1}, ab))},
-      {[&] { return folder->SetEntryNoPrefix("k", "AB", 2); }, inCfg(Rec({6, 0}, ab))},
-      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 1); }, inCfg(Rec({5, 1, 1}, ab))},
-      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 0); }, inCfg(Rec({5, 1, 0}, ab))},
-      {[&] { return storage->SetEntry("k", 7); }, atRoot("k", 1, Rec({5, 0, 1}, seven))},
-      {[&] { return storage->SetEntryFast("q", 7); }, atRoot("q", 2, Rec({5, 0, 1}, seven))},
+       inCfg(Rec().Write(0, 1, Bytes{2, 0}).Write(0, 1, "ab"))},
+      {[&] { return folder->SetEntry("k", "AB", 2); }, inCfg(Rec().Append(1, "AB"))},
+      {[&] { return folder->SetEntryNoPrefix("k", "AB", 2); }, inCfg(Rec().Append(0, "AB"))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 1); }, inCfg(Rec().Write(1, 1, "AB"))},
+      {[&] { return folder->SetEntryEraseOld("k", "AB", 2, 0); }, inCfg(Rec().Write(1, 0, "AB"))},
+      {[&] { return storage->SetEntry("k", 7); }, atRoot},
+      {[&] { return storage->SetEntryFast("q", 7); },
+       Rec().Enter("q", 0, RecOpEnterFast).Write(0, 1, seven).Leave().b},
   };
   for (const auto& r : rows) {
     ASSERT_EQ(1, storage->StartRecording());
     EXPECT_EQ(1, r.set());
     folder->Release();  // leaves Cfg when it was entered
-    EXPECT_EQ(r.records, Recorded(storage->StopRecording()));
+    EXPECT_EQ(r.records, StopBytes(storage));
     folder = storage->OpenStream("Cfg", RW);
   }
 }
