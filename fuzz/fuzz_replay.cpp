@@ -74,7 +74,9 @@ void Describe(kyStream* s, int depth, std::string* out) {
     Describe(c, depth + 1, out);
     CHECK(c->Release() == 1);
   }
-  CHECK(cursor >= s->GetLength());  // the walk reached the end of the folder
+  // No check that the walk reached the end: a recording may write into a
+  // folder (the replay writes wherever the record stands), and a child
+  // count overwritten that way ends the walk early, as any damage does.
   CHECK(kyTestAccess::Children(s).IsEmpty());
 }
 
