@@ -39,7 +39,7 @@ namespace {
 // --- switches ---------------------------------------------------------------
 // Operations that come later: their rows of the op table exist already.
 const bool kEntriesEnabled = true;
-const bool kReplayEnabled = false;
+const bool kReplayEnabled = true;
 // Cases the target once had to step around while the library was wrong
 // about them; each has a minimised input under fuzz/regressions/fuzz_ops/.
 // Turning one off makes the target avoid the case again.
@@ -298,6 +298,13 @@ class OpsFuzzer {
   bool SetRootEntry(int si, bool fast, const std::string& name, const EntryOp& e);
   void GetEntryChecked(int si, int fi, bool fast, const char* key, const std::string& name);
   void CheckEntryBytes(int si, int fi, bool fast, const std::string& name);
+
+  // Replay.
+  struct ReplayModel;
+  ModelNode* ReplayRoot(ReplayModel& t, const std::string& name, bool fast, bool folder);
+  ModelNode* ReplayChild(ReplayModel& t, ModelNode* dir, const std::string& name, bool folder);
+  void ReplayEntryWrite(ReplayModel& t, ModelNode* n, const EntryOp& e);
+  void VerifyReplayed(int si, kyStorage* ts, const ReplayModel& t);
 
   // Choices.
   std::string PickName();
@@ -2467,7 +2474,216 @@ void OpsFuzzer::OpEntries() {
   }
 }
 
-void OpsFuzzer::OpReplay() {}
+// --- operations: recording and replay -----------------------------------------------
+
+namespace {
+
+// The number of complete records a reader finds from the start.
+int CountRecords(unsigned char* buf, unsigned int len) {
+  if (buf == nullptr || len == 0) return 0;
+  CCompRecorder reader;
+  reader.Attach(buf, len, 0);
+  RecOpEnum op;
+  char name[64];
+  unsigned char* data = nullptr;
+  DWORD n = 0;
+  int count = 0;
+  while (reader.PopOp(&op, name, &data, &n)) ++count;
+  reader.Detach(nullptr);
+  return count;
+}
+
+}  // namespace
+
+// The tree that replaying one of our recordings builds in a fresh storage:
+// the streams its records enter and the values they write.  `ends` is set
+// when the replay is expected to stop early (an enter it cannot follow in
+// the fresh storage); the target then checks less.
+struct OpsFuzzer::ReplayModel {
+  ModelNode root;
+  bool b64 = true;
+  bool ends = false;
+};
+
+// The root stream an enter record opens or creates in the replayed storage.
+ModelNode* OpsFuzzer::ReplayRoot(ReplayModel& t, const std::string& name, bool fast, bool folder) {
+  if (t.ends) return nullptr;
+  const int at = FindSlot(&t.root, name);
+  int index = -1;
+  if (fast) {
+    if (at >= 0 && at < kFastSlots) return t.root.slots[static_cast<size_t>(at)].node.get();
+    if (at < 0) index = FirstFreeSlot(&t.root, 0, kFastSlots);
+  } else {
+    if (at >= 0) return t.root.slots[static_cast<size_t>(at)].node.get();
+    index = FirstFreeSlot(&t.root, kFastSlots, t.root.slots.size());
+    if (index < 0) {
+      index = static_cast<int>(t.root.slots.size());
+      t.root.slots.resize(t.root.slots.size() + kSlotsPerBlock);
+    }
+  }
+  if (index < 0) {
+    t.ends = true;
+    return nullptr;
+  }
+  return OccupySlot(&t.root, static_cast<size_t>(index), name, folder, 0);
+}
+
+// The child an enter record opens or creates below `dir`.
+ModelNode* OpsFuzzer::ReplayChild(ReplayModel& t, ModelNode* dir, const std::string& name,
+                                  bool folder) {
+  if (t.ends || dir == nullptr || !dir->folder) {
+    t.ends = true;
+    return nullptr;
+  }
+  const int at = FindSlot(dir, name);
+  if (at >= 0) return dir->slots[static_cast<size_t>(at)].node.get();
+  const long long w = t.b64 ? 92 : 80;
+  if (dir->folderLength + w > limit_) {
+    t.ends = true;
+    return nullptr;
+  }
+  dir->folderLength += w;
+  dir->slots.emplace_back();
+  return OccupySlot(dir, dir->slots.size() - 1, name, folder, 0);
+}
+
+void OpsFuzzer::ReplayEntryWrite(ReplayModel& t, ModelNode* n, const EntryOp& e) {
+  if (t.ends || n == nullptr || n->folder) {
+    t.ends = true;  // a write into a folder is not something we predict
+    return;
+  }
+  ModelEntryWrite(n, e, t.b64, limit_);
+}
+
+// Reads the replayed storage against the model: every root stream with all
+// it holds, and no other root stream.
+void OpsFuzzer::VerifyReplayed(int si, kyStorage* ts, const ReplayModel& t) {
+  int used = 0;
+  for (const ModelSlot& slot : t.root.slots) {
+    if (slot.name.empty()) continue;
+    ++used;
+    kyStream* stm = ts->OpenStream(slot.name.c_str(), kModeReadShared);
+    VerifyNode(si, stm, slot.node.get(), 0);
+    stm->Release();
+  }
+  int cursor = -1;
+  int count = 0;
+  kyStream* stm = ts->OpenStreamFirst2(cursor, kModeReadShared);
+  for (int i = 0; cursor == i; ++i) {
+    CHECK(stm != nullptr);
+    ++count;
+    stm->Release();
+    stm = ts->OpenStreamNext2(cursor, kModeReadShared);
+  }
+  CHECK(stm == nullptr && count == used);
+}
+
+// Records a few entry setters on storage `si` (at its root, then in a root
+// folder, then in a folder inside it, in that order so that the recorder's
+// stack can follow every write), stops, and replays the recording into a
+// fresh storage whose tree must be what the records imply.
+void OpsFuzzer::OpReplay() {
+  const int si = PickStore();
+  if (!Writable(si)) return;
+  Store& s = stores_[si];
+  ReplayModel t;
+  t.b64 = in_.Bit();
+  t.root.folder = true;
+  t.root.slots.resize(kSlotsPerBlock);
+  const DWORD blockSize = kBlockSizes[in_.Below(4)];
+  Trace("replay: record on store %d, replay into a fresh %s storage", si,
+        t.b64 ? "64-bit" : "32-bit");
+  CHECK(s.st->StartRecording() == 1);
+  if (in_.Bit()) CHECK(s.st->StartRecording() == 1);  // goes on with the same recorder
+  bool wrote = false;
+
+  for (uint32_t i = in_.Below(3); i > 0; --i) {
+    const bool fast = in_.Bit();
+    const std::string name = PickName();
+    const EntryOp e = PickEntryOp(true);
+    if (fast && IsBuffer(e.kind)) continue;
+    if (!SetRootEntry(si, fast, name, e)) continue;
+    wrote = true;
+    ReplayEntryWrite(t, ReplayRoot(t, name, fast, false), e);
+  }
+
+  int hr = -1;
+  int hf = -1;
+  const std::string rname = PickName();
+  const std::string fname = PickName();
+  if (FreeHandle() >= 0) {
+    const bool opened = RootMapped(si, rname);
+    int index = -1;
+    if (!opened && FindSlot(&s.root, rname) < 0) index = OrdinarySlotFor(si);
+    kyStream* r = s.st->OpenOrCreateStream(rname.c_str(), 1);
+    Touch(si);
+    CHECK((r != nullptr) == (opened || index >= 0));
+    if (r != nullptr) {
+      ModelNode* n;
+      if (opened) {
+        n = s.root.slots[static_cast<size_t>(FindSlot(&s.root, rname))].node.get();
+      } else {
+        n = OccupySlot(&s.root, static_cast<size_t>(index), rname, true, 0);
+        if (s.fast) s.mapped.insert(rname);
+      }
+      CheckOpened(r, n);
+      hr = AddHandle(r, si, n, -1, kModeReadWriteShared, opened);
+    }
+  }
+  if (hr >= 0 && handles_[hr].node->folder && FreeHandle() >= 0 && in_.Bit()) {
+    ModelNode* dir = handles_[hr].node;
+    ModelNode* n = nullptr;
+    if (FindSlot(dir, fname) >= 0)
+      n = dir->slots[static_cast<size_t>(FindSlot(dir, fname))].node.get();
+    else
+      n = ModelCreateChild(si, dir, fname, true, 0, true, hr);
+    kyStream* c = handles_[hr].s->OpenOrCreateStream(fname.c_str(), 1);
+    Touch(si);
+    CHECK((c != nullptr) == (n != nullptr));
+    if (c != nullptr) {
+      CheckOpened(c, n);
+      hf = AddHandle(c, si, n, hr, kModeReadWriteShared, true);
+    }
+  }
+  for (int level = 0; level < 2; ++level) {
+    const int h = level == 0 ? hr : hf;
+    if (h < 0) continue;
+    for (uint32_t i = in_.Below(4); i > 0; --i) {
+      const std::string key = PickName();
+      const EntryOp e = PickEntryOp(false);
+      if (!SetFolderEntry(h, key.c_str(), key, e)) continue;
+      wrote = true;
+      ModelNode* dir = ReplayRoot(t, rname, false, true);
+      if (level == 1) dir = ReplayChild(t, dir, fname, true);
+      ReplayEntryWrite(t, ReplayChild(t, dir, key, false), e);
+    }
+  }
+  if (hf >= 0) ReleaseHandle(hf);
+  if (hr >= 0) ReleaseHandle(hr);
+
+  CCompRecorder* rec = s.st->StopRecording();
+  CHECK(rec != nullptr && s.st->StopRecording() == nullptr);
+  CHECK(!rec->HasBeenStopped() && rec->GetStmDepth() == 0);
+  unsigned int len = 0;
+  unsigned char* buf = rec->Detach(&len);
+  delete rec;
+  CHECK(!wrote || (buf != nullptr && len > 0));
+  const int total = CountRecords(buf, len);
+
+  const std::string path = s.path + ".replay";
+  kyStorage::g_bUse64BitOffsets = t.b64 ? 1 : 0;
+  kyStorage* ts = kyStorage::Create(path.c_str(), kModeReadWriteShared, blockSize);
+  kyStorage::g_bUse64BitOffsets = 1;
+  CHECK(ts != nullptr);
+  const int applied = ts->ReplayRecording(buf, len);
+  Trace("  replayed %d of %d records%s", applied, total, t.ends ? " (ends early)" : "");
+  CHECK(t.ends ? applied <= total : applied == total);
+  CHECK(kyTestAccess::Registry(ts).IsEmpty());
+  if (!t.ends) VerifyReplayed(si, ts, t);
+  ts->Release();
+  unlink(path.c_str());
+  CCompRecorder::Free(buf);
+}
 
 // --- the run ------------------------------------------------------------------------
 
