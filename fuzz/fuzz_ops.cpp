@@ -2173,7 +2173,8 @@ EntryOp OpsFuzzer::PickEntryOp(bool atRoot) {
   e.kind = static_cast<EntryKind>(in_.Below(atRoot ? kEntSize : kEntKinds));
   if (FixedWidth(e.kind) > 0) {
     e.bytes = in_.Content(static_cast<size_t>(FixedWidth(e.kind)));
-    e.nullValue = in_.Byte() == 0xFF;
+    const bool null = in_.Byte() == 0xFF;
+    e.nullValue = null && (e.kind == kEntSize || e.kind == kEntRect);  // only those take pointers
   } else if (e.kind == kEntString) {
     // Now and then one long enough for the DWORD length.
     const long long n = in_.Byte() == 0xFF ? 0xFFFF + in_.Below(3) : PickWriteSize();
