@@ -11,7 +11,7 @@ BUILD      ?= build
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_TIME  ?= 60
-FUZZ_TARGETS ?= fuzz_open fuzz_popop fuzz_ops
+FUZZ_TARGETS ?= fuzz_open fuzz_popop fuzz_ops fuzz_replay
 CMAKE      ?= cmake
 
 .PHONY: all deps check-deps configure build demo test sanitize fuzz bench install format clean

@@ -29,15 +29,17 @@
 #include <vector>
 
 #include "kystore.h"
+#include "../tests/support/test_access.h"
 #include "ops_input.h"
 #include "ops_model.h"
+#include "platform/global_mem.h"
 
 namespace {
 
 // --- switches ---------------------------------------------------------------
 // Operations that come later: their rows of the op table exist already.
-const bool kEntriesEnabled = false;
-const bool kReplayEnabled = false;
+const bool kEntriesEnabled = true;
+const bool kReplayEnabled = true;
 // Cases the target once had to step around while the library was wrong
 // about them; each has a minimised input under fuzz/regressions/fuzz_ops/.
 // Turning one off makes the target avoid the case again.
@@ -57,6 +59,17 @@ const bool kStaleFolderObjects = true;
 const bool kHugeNumbers = true;
 // Renames to names of 61 to 70 bytes (the first 60 are kept).
 const bool kLongRenames = true;
+// A copy into a data stream object opened without write access: the copy
+// fails, but the library has already given the object's header copy the
+// source's size-prefix mark (fuzz/regressions/fuzz_ops/refused_copy_takes_mark).
+// Off: the target avoids such copies when the marks differ.
+const bool kRefusedCopyKeepsMark = false;
+// Creations through a second object of a folder whose length is out of
+// date, when the folder has a free slot: the library ends the folder at the
+// end that object knows, cutting off the slots behind it
+// (fuzz/regressions/fuzz_ops/stale_folder_creation_cuts_folder).  Off: the
+// target avoids them.
+const bool kStaleCreationWithFreeSlot = false;
 
 // --- bounds -----------------------------------------------------------------
 const int kMaxHandles = 12;
@@ -150,6 +163,36 @@ bool Usable(const Handle& h) {
   return !h.stale || (kStaleFolderObjects && h.node->folder);
 }
 
+// One entry setter call: the value form and the value.
+enum EntryKind {
+  kEntInt,
+  kEntDword,
+  kEntDouble,
+  kEntInt64,
+  kEntUInt64,
+  kEntString,
+  kEntAppend,
+  kEntNoPrefix,
+  kEntEraseOld,
+  kEntSize,  // SIZE and RECT exist for folders only
+  kEntRect,
+  kEntKinds
+};
+
+struct EntryOp {
+  EntryKind kind = kEntInt;
+  std::string bytes;       // a fixed value's bytes, the characters, or the buffer
+  bool prepend = false;    // SetEntryEraseOld with the size prefix
+  bool nullValue = false;  // a null RECT or SIZE
+};
+
+// Whether a creation through folder handle `h` is one the target avoids
+// (kStaleCreationWithFreeSlot).
+bool AvoidStaleCreation(const Handle& h) {
+  return !kStaleCreationWithFreeSlot && h.stale && h.node->folder &&
+         FirstFreeSlot(h.node, 0, h.node->slots.size()) >= 0;
+}
+
 class OpsFuzzer;
 typedef void (OpsFuzzer::*OpFn)();
 
@@ -201,10 +244,8 @@ class OpsFuzzer {
   void OpRelease();
   void OpReopen();
   void OpCheck();
-  // Rows kept for typed entries and for recording and replay, which come
-  // later (kEntriesEnabled, kReplayEnabled).
-  void OpEntries() {}
-  void OpReplay() {}
+  void OpEntries();
+  void OpReplay();
 
  private:
   // Storages.
@@ -267,6 +308,21 @@ class OpsFuzzer {
   void VerifyTree(int si);
   void CheckFileByte(int si, long long offset, char expected);
   void CheckDirectoryOrder(int si);
+
+  // Entries.
+  EntryOp PickEntryOp(bool atRoot);
+  ModelNode* EntryTarget(int si, int fi, bool fast, const std::string& name, bool lookUp);
+  bool SetFolderEntry(int fi, const char* key, const std::string& name, const EntryOp& e);
+  bool SetRootEntry(int si, bool fast, const std::string& name, const EntryOp& e);
+  void GetEntryChecked(int si, int fi, bool fast, const char* key, const std::string& name);
+  void CheckEntryBytes(int si, int fi, bool fast, const std::string& name);
+
+  // Replay.
+  struct ReplayModel;
+  ModelNode* ReplayRoot(ReplayModel& t, const std::string& name, bool fast, bool folder);
+  ModelNode* ReplayChild(ReplayModel& t, ModelNode* dir, const std::string& name, bool folder);
+  void ReplayEntryWrite(ReplayModel& t, ModelNode* n, const EntryOp& e);
+  void VerifyReplayed(int si, kyStorage* ts, const ReplayModel& t);
 
   // Choices.
   std::string PickName();
@@ -582,6 +638,7 @@ void OpsFuzzer::FreeModelSlot(int si, ModelNode* dir, size_t index) {
 // (mode 0x16) of storage `ds`.
 bool OpsFuzzer::ModelCopyStream(const ModelNode* src, int ds, ModelNode* dst) {
   if (!Writable(ds)) return false;
+  dst->sizeMark = src->sizeMark;  // the mark goes with the data
   ModelSetLength(dst, 0);
   if (src->Length() <= 0) return false;
   return ModelWrite(dst, 0, src->data, true, limit_) == src->Length();
@@ -636,6 +693,9 @@ void OpsFuzzer::CheckOpened(kyStream* s, const ModelNode* n) {
   CHECK(s != nullptr);
   CHECK(n->name == s->GetName());
   CHECK((s->IsFolder() != 0) == n->folder);
+  if (s->GetLength() != n->Length())
+    Trace("  '%s': length %lld, the model says %lld", Printable(n->name).c_str(),
+          static_cast<long long>(s->GetLength()), n->Length());
   CHECK(s->GetLength() == n->Length());
   CHECK(s->GetDuration() == n->duration);
 }
@@ -973,6 +1033,7 @@ void OpsFuzzer::OpCreateChild() {
   const bool usable = f.node->folder && ValidName(name);
   const bool lookUp = check || !f.preloaded;
   if (f.stale && !lookUp) return;  // the append would go to the end its object knows
+  if (AvoidStaleCreation(f)) return;
   // A name the lookup would not see (or no lookup at all) makes a second
   // child of that name.
   if (usable && FindSlot(f.node, nm) >= 0 && (!lookUp || !Visible(fi, nm, false))) return;
@@ -1000,6 +1061,7 @@ void OpsFuzzer::OpOpenOrCreateChild() {
   const DWORD mode = threeArgs ? PickMode(si) : kModeReadWriteShared;
   if (!Writable(si) && (mode & kModeWrite) != 0) return;
   if (f.stale && threeArgs && f.preloaded) return;  // it appends at the end its object knows
+  if (AvoidStaleCreation(f)) return;
   Trace("open-or-create-child in h%d '%s' type %x mode %x%s", fi, Printable(nm).c_str(), type, mode,
         threeArgs ? "" : " (two arguments)");
   if (f.node->folder && FindSlot(f.node, nm) >= 0 && !Visible(fi, nm, false)) return;
@@ -1413,6 +1475,9 @@ void OpsFuzzer::RunCopyStream(int src, int dst, bool throughFolderCopy) {
   Handle& hd = handles_[dst];
   const bool same = hs.store == hd.store && hs.node == hd.node;
   if (!same && !kCopyOntoBlocks && hd.node->hasBlocks) return;
+  if (!same && !kRefusedCopyKeepsMark && !hd.node->folder && (hd.mode & kModeWrite) == 0 &&
+      hd.node->sizeMark != hs.node->sizeMark)
+    return;
   // The copy reads the source from its cursor.
   if (!same && (!hs.posKnown || (hs.pos != 0 && !hs.node->noTail))) Reposition(src, 0);
   const long long srcLen = hs.node->Length();
@@ -1423,6 +1488,11 @@ void OpsFuzzer::RunCopyStream(int src, int dst, bool throughFolderCopy) {
   if (!same) {
     ModelNode* d = hd.node;
     bool headerChanged = false;
+    // The size-prefix mark goes with the data onto a data stream.
+    if ((hd.mode & kModeWrite) != 0 && !d->folder && d->sizeMark != hs.node->sizeMark) {
+      d->sizeMark = hs.node->sizeMark;
+      headerChanged = true;
+    }
     if ((hd.mode & kModeWrite) != 0 && d->Length() > 0) {
       ModelSetLength(d, 0);
       headerChanged = true;
@@ -1469,6 +1539,7 @@ void OpsFuzzer::OpCopyFolder() {
   const bool sameStore = hs.store == hd.store;
   const bool refused = sameStore && IsWithin(hd.node, hs.node);
   if (sameStore && !refused && IsWithin(hs.node, hd.node)) return;  // the copy would meet itself
+  if (AvoidStaleCreation(hd)) return;
   if (!refused && hd.node->folder) {
     // The copy changes the destination's children through objects of its
     // own; one of ours there would be left with an old header.
@@ -1988,6 +2059,665 @@ void OpsFuzzer::OpCheck() {
   }
   const int si = PickStore();
   VerifyTree(si);
+}
+
+// --- operations: entries ------------------------------------------------------------
+
+namespace {
+
+bool IsBuffer(EntryKind k) {
+  return k == kEntAppend || k == kEntNoPrefix || k == kEntEraseOld;
+}
+
+long long FixedWidth(EntryKind k) {
+  switch (k) {
+    case kEntInt:
+    case kEntDword:
+      return 4;
+    case kEntSize:
+    case kEntDouble:
+    case kEntInt64:
+    case kEntUInt64:
+      return 8;
+    case kEntRect:
+      return 16;
+    default:
+      return 0;
+  }
+}
+
+// The string form: a WORD length (0xFFFF announcing a DWORD length after
+// it), then the characters.
+std::string EncodeString(const std::string& chars) {
+  const DWORD n = static_cast<DWORD>(chars.size());
+  const WORD word = n < 0xFFFF ? static_cast<WORD>(n) : 0xFFFF;
+  std::string out(reinterpret_cast<const char*>(&word), 2);
+  if (word == 0xFFFF) out.append(reinterpret_cast<const char*>(&n), 4);
+  return out + chars;
+}
+
+// What a setter leaves in its entry stream `n`, opened afresh (cursor at 0),
+// in a storage of offset width `b64`.  Appends keep the offset prefix at the
+// start pointing at the newest value; an entry shorter than a prefix gets
+// the prefix first and the value behind it.
+void ModelEntryWrite(ModelNode* n, const EntryOp& e, bool b64, long long limit) {
+  const long long len = n->Length();
+  switch (e.kind) {
+    case kEntString:
+      ModelWrite(n, 0, EncodeString(e.bytes), false, limit);
+      return;
+    case kEntAppend: {
+      const long long width = b64 ? 8 : 4;
+      const long long prefix = len == 0 ? width : len;
+      const std::string p(reinterpret_cast<const char*>(&prefix), static_cast<size_t>(width));
+      if (len < width) {
+        ModelWrite(n, 0, p, false, limit);
+        ModelWrite(n, n->Length(), e.bytes, false, limit);
+      } else {
+        ModelWrite(n, len, e.bytes, false, limit);
+        ModelWrite(n, 0, p, false, limit);
+      }
+      return;
+    }
+    case kEntNoPrefix:
+      ModelWrite(n, len, e.bytes, false, limit);
+      return;
+    case kEntEraseOld:
+      if (e.prepend) {
+        const DWORD size = static_cast<DWORD>(e.bytes.size());
+        n->sizeMark = true;
+        const long long at =
+            ModelWrite(n, 0, std::string(reinterpret_cast<const char*>(&size), 4), true, limit);
+        ModelWrite(n, at, e.bytes, true, limit);
+      } else {
+        ModelWrite(n, 0, e.bytes, true, limit);
+      }
+      return;
+    default:
+      ModelWrite(n, 0, e.bytes, false, limit);
+      return;
+  }
+}
+
+template <typename T>
+T FromBytes(const std::string& b) {
+  T v;
+  memcpy(&v, b.data(), sizeof(v));
+  return v;
+}
+
+// A value setter of a folder object, or of a storage in either form.
+template <typename T>
+int SetValue(kyStream* t, const char* key, T v, bool) {
+  return t->SetEntry(key, v);
+}
+template <typename T>
+int SetValue(kyStorage* t, const char* key, T v, bool fast) {
+  return fast ? t->SetEntryFast(key, v) : t->SetEntry(key, v);
+}
+
+// Calls the setter of `e` on a folder object or on a storage (`fast`: the
+// fast-slot form, which has no buffer, SIZE or RECT setters).
+template <typename Target>
+int CallSetter(Target* t, const char* key, const EntryOp& e, bool fast) {
+  const std::string& b = e.bytes;
+  switch (e.kind) {
+    case kEntInt:
+      return SetValue(t, key, FromBytes<int>(b), fast);
+    case kEntDword:
+      return SetValue(t, key, FromBytes<DWORD>(b), fast);
+    case kEntDouble:
+      return SetValue(t, key, FromBytes<double>(b), fast);
+    case kEntInt64:
+      return SetValue(t, key, FromBytes<__int64>(b), fast);
+    case kEntUInt64:
+      return SetValue(t, key, FromBytes<unsigned __int64>(b), fast);
+    case kEntString:
+      return SetValue(t, key, b.c_str(), fast);
+    case kEntAppend:
+      return t->SetEntry(key, b.data(), static_cast<DWORD>(b.size()));
+    case kEntNoPrefix:
+      return t->SetEntryNoPrefix(key, b.data(), static_cast<DWORD>(b.size()));
+    case kEntEraseOld:
+      return t->SetEntryEraseOld(key, b.data(), static_cast<DWORD>(b.size()), e.prepend ? 1 : 0);
+    default:
+      return -1;
+  }
+}
+
+int CallFolderSetter(kyStream* f, const char* key, const EntryOp& e) {
+  if (e.kind == kEntSize) {
+    SIZE v;
+    memcpy(&v, e.bytes.data(), sizeof(v));
+    return f->SetEntry(key, e.nullValue ? nullptr : &v);
+  }
+  if (e.kind == kEntRect) {
+    RECT v;
+    memcpy(&v, e.bytes.data(), sizeof(v));
+    return f->SetEntry(key, e.nullValue ? nullptr : &v);
+  }
+  return CallSetter(f, key, e, false);
+}
+
+}  // namespace
+
+EntryOp OpsFuzzer::PickEntryOp(bool atRoot) {
+  EntryOp e;
+  e.kind = static_cast<EntryKind>(in_.Below(atRoot ? kEntSize : kEntKinds));
+  if (FixedWidth(e.kind) > 0) {
+    e.bytes = in_.Content(static_cast<size_t>(FixedWidth(e.kind)));
+    const bool null = in_.Byte() == 0xFF;
+    e.nullValue = null && (e.kind == kEntSize || e.kind == kEntRect);  // only those take pointers
+  } else if (e.kind == kEntString) {
+    // Now and then one long enough for the DWORD length.
+    const long long n = in_.Byte() == 0xFF ? 0xFFFF + in_.Below(3) : PickWriteSize();
+    e.bytes = in_.Content(static_cast<size_t>(n));
+    for (char& c : e.bytes)
+      if (c == '\0') c = 's';
+  } else {
+    e.bytes = in_.Content(static_cast<size_t>(PickWriteSize()));
+    e.prepend = in_.Bit();
+  }
+  return e;
+}
+
+// The entry stream a getter of folder handle `fi` (or, with fi -1, of
+// storage `si`) opens for `name`: null when it finds nothing.
+ModelNode* OpsFuzzer::EntryTarget(int si, int fi, bool fast, const std::string& name, bool lookUp) {
+  if (fi >= 0) {
+    const Handle& f = handles_[fi];
+    if (!f.node->folder || !Visible(fi, name, lookUp)) return nullptr;
+    return f.node->slots[static_cast<size_t>(FindSlot(f.node, name))].node.get();
+  }
+  ModelNode& root = stores_[si].root;
+  const int at = FindSlot(&root, name);
+  if (at < 0 || (fast ? at >= kFastSlots : !RootMapped(si, name))) return nullptr;
+  return root.slots[static_cast<size_t>(at)].node.get();
+}
+
+// A setter on folder handle `fi`.  Returns whether it wrote into an entry
+// stream (so that a recording holds the write); the model follows.
+bool OpsFuzzer::SetFolderEntry(int fi, const char* key, const std::string& name, const EntryOp& e) {
+  Handle& f = handles_[fi];
+  const int si = f.store;
+  const bool valid = f.node->folder && ValidName(key);
+  if (AvoidStaleCreation(f)) return false;
+  // A name the lookup would not see makes a second child of that name.
+  if (valid && FindSlot(f.node, name) >= 0 && !Visible(fi, name, false)) return false;
+  const bool nothing = IsBuffer(e.kind) ? e.bytes.empty() : e.nullValue;
+  ModelNode* n = nullptr;
+  if (valid && !nothing) {
+    if (Visible(fi, name, true)) {
+      n = f.node->slots[static_cast<size_t>(FindSlot(f.node, name))].node.get();
+      if (n->folder) n = nullptr;  // refused, nothing changes
+    } else {
+      n = ModelCreateChild(si, f.node, name, false, 0, true, fi);
+    }
+  }
+  Trace("set-entry h%d '%s' kind %d, %zu bytes%s", fi, Printable(name).c_str(), e.kind,
+        e.bytes.size(), n != nullptr ? "" : " (refused)");
+  const int r = CallFolderSetter(f.s, key, e);
+  Touch(si);
+  const bool emptyBuffer = IsBuffer(e.kind) && e.bytes.empty();
+  CHECK(r == ((n != nullptr || emptyBuffer) ? 1 : 0));
+  if (n == nullptr) return false;
+  ModelEntryWrite(n, e, stores_[si].b64, limit_);
+  MarkStale(si, n, -1);
+  return true;
+}
+
+// A setter on the root of storage `si`; as SetFolderEntry.
+bool OpsFuzzer::SetRootEntry(int si, bool fast, const std::string& name, const EntryOp& e) {
+  Store& s = stores_[si];
+  Trace("set-entry store %d '%s' kind %d, %zu bytes%s", si, Printable(name).c_str(), e.kind,
+        e.bytes.size(), fast ? " fast" : "");
+  if (IsBuffer(e.kind) && e.bytes.empty()) {
+    CHECK(CallSetter(s.st, name.c_str(), e, fast) == 1);  // opens nothing
+    return false;
+  }
+  const int at = FindSlot(&s.root, name);
+  ModelNode* n = nullptr;
+  if (fast) {
+    if (at >= kFastSlots && !RootMapped(si, name)) return false;  // a fast map would make two
+    if (at >= 0 && at < kFastSlots) {
+      n = s.root.slots[static_cast<size_t>(at)].node.get();
+    } else if (at < 0) {
+      const int index = FirstFreeSlot(&s.root, 0, kFastSlots);
+      if (index >= 0) n = OccupySlot(&s.root, static_cast<size_t>(index), name, false, 0);
+      if (n != nullptr && s.fast) s.mapped.insert(name);
+    }
+  } else if (RootMapped(si, name)) {
+    n = s.root.slots[static_cast<size_t>(at)].node.get();
+  } else if (at < 0) {
+    n = OccupySlot(&s.root, static_cast<size_t>(OrdinarySlotFor(si)), name, false, 0);
+    if (s.fast) s.mapped.insert(name);
+  }
+  if (n != nullptr && n->folder) n = nullptr;  // refused, nothing changes
+  const int r = CallSetter(s.st, name.c_str(), e, fast);
+  Touch(si);
+  CHECK(r == (n != nullptr ? 1 : 0));
+  if (n == nullptr) return false;
+  ModelEntryWrite(n, e, s.b64, limit_);
+  MarkStale(si, n, -1);
+  return true;
+}
+
+// Opens the entry `name` and reads it whole against the model.
+void OpsFuzzer::CheckEntryBytes(int si, int fi, bool fast, const std::string& name) {
+  const ModelNode* n = EntryTarget(si, fi, fast, name, true);
+  if (n == nullptr || n->folder) return;
+  kyStream* s = fi >= 0 ? handles_[fi].s->OpenStream(name.c_str(), kModeReadShared)
+                : fast  ? stores_[si].st->OpenStreamFast(name.c_str(), kModeReadShared)
+                        : stores_[si].st->OpenStream(name.c_str(), kModeReadShared);
+  CheckOpened(s, n);
+  CheckData(s, n);
+  s->Release();
+  Touch(si);
+}
+
+namespace {
+
+// The value a fixed-width getter gives for entry `n`: its first `width`
+// bytes, or `def` when there are fewer.  False when that cannot be told:
+// a short entry whose chain may hold old bytes past its length.
+bool ExpectFixed(const ModelNode* n, long long width, const std::string& def, std::string* out) {
+  *out = def;
+  if (n == nullptr || n->folder || !n->hasBlocks) return true;
+  if (n->Length() >= width) {
+    *out = n->data.substr(0, static_cast<size_t>(width));
+    return true;
+  }
+  return n->noTail;
+}
+
+// The characters the string getter gives, when the entry holds them whole.
+bool ExpectString(const ModelNode* n, const char* def, std::string* out) {
+  *out = def != nullptr ? def : "";
+  if (n == nullptr || n->folder) return true;
+  out->clear();
+  if (!n->hasBlocks) return true;
+  const std::string& d = n->data;
+  if (d.size() < 2) return n->noTail;
+  DWORD count = FromBytes<WORD>(d);
+  size_t at = 2;
+  if (count == 0xFFFF) {
+    if (d.size() < 6) return n->noTail;
+    count = FromBytes<DWORD>(d.substr(2));
+    at = 6;
+  }
+  if (d.size() - at < count) return false;  // padded as far as the file could hold
+  *out = d.substr(at, count);
+  return true;
+}
+
+// The value of an erase-old entry after its size prefix check, or false
+// (`known` false when the check cannot be told).
+bool ExpectErased(const ModelNode* n, std::string* value, bool* known) {
+  *known = true;
+  value->clear();
+  if (n == nullptr) return false;
+  const long long len = n->Length();
+  if (len <= 0 || !n->sizeMark) {
+    *value = n->data;
+    return true;
+  }
+  if (len <= 4) return false;
+  if (FromBytes<DWORD>(n->data) != static_cast<DWORD>(len - 4)) return false;
+  *value = n->data.substr(4);
+  return true;
+}
+
+}  // namespace
+
+// One getter of the entry `name` on folder handle `fi` or on storage `si`,
+// compared with the model.
+void OpsFuzzer::GetEntryChecked(int si, int fi, bool fast, const char* key,
+                                const std::string& name) {
+  kyStream* f = fi >= 0 ? handles_[fi].s : nullptr;
+  kyStorage* st = stores_[si].st;
+  const ModelNode* n = ValidName(key) ? EntryTarget(si, fi, fast, name, true) : nullptr;
+  const bool folderKey = n != nullptr && n->folder;
+  const uint32_t what = in_.Below(fi >= 0 ? 10 : (fast ? 6 : 8));
+  const std::string def = in_.Content(16);
+  std::string expect;
+  bool known = true;
+  Trace("get-entry %s%d '%s' form %u%s", fi >= 0 ? "h" : "store ", fi >= 0 ? fi : si,
+        Printable(name).c_str(), what, fast ? " fast" : "");
+#define GET_FIXED(T)                                                      \
+  {                                                                       \
+    const T d = FromBytes<T>(def);                                        \
+    const T v = f != nullptr ? f->GetEntry(key, d)                        \
+                : fast       ? st->GetEntryFast(key, d)                   \
+                             : st->GetEntry(key, d);                            \
+    known = ExpectFixed(n, sizeof(T), def.substr(0, sizeof(T)), &expect); \
+    if (known) CHECK(memcmp(&v, expect.data(), sizeof(T)) == 0);          \
+    break;                                                                \
+  }
+  switch (what) {
+    case 0:
+      GET_FIXED(int)
+    case 1:
+      GET_FIXED(DWORD)
+    case 2:
+      GET_FIXED(double)
+    case 3:
+      GET_FIXED(__int64)
+    case 4:
+      GET_FIXED(unsigned __int64)
+    case 5: {
+      const bool nullDef = in_.Bit();
+      const char* d = nullDef && f != nullptr ? nullptr : def.c_str();
+      const CString v = f != nullptr ? f->GetEntry(key, d)
+                        : fast       ? st->GetEntryFast(key, d)
+                                     : st->GetEntry(key, d);
+      known = ExpectString(n, d, &expect);
+      if (known)
+        CHECK(static_cast<size_t>(v.GetLength()) == expect.size() &&
+              memcmp(v.GetString(), expect.data(), expect.size()) == 0);
+      break;
+    }
+    case 6: {
+      void* data = reinterpret_cast<void*>(1);
+      unsigned int size = 77;
+      const int r = f != nullptr ? f->GetEntryErasedOld(key, &data, &size)
+                                 : st->GetEntryErasedOld(key, &data, &size);
+      if (!folderKey) {
+        const bool ok = ExpectErased(n, &expect, &known);
+        if (known) {
+          CHECK((r != 0) == ok);
+          CHECK(size == expect.size() && (data == nullptr) == expect.empty());
+          if (!expect.empty()) CHECK(memcmp(data, expect.data(), expect.size()) == 0);
+        }
+      }
+      if (r && data != nullptr && data != reinterpret_cast<void*>(1)) GlobalFree(data);
+      break;
+    }
+    case 7: {
+      bool ok = false;
+      if (!folderKey) ok = ExpectErased(n, &expect, &known);
+      const unsigned int size = static_cast<unsigned int>(in_.UpTo(ok ? expect.size() + 2 : 4));
+      buf_.assign(size + 1, '\0');
+      const int r = f != nullptr ? f->GetEntryErasedOld(key, buf_.data(), size)
+                                 : st->GetEntryErasedOld(key, buf_.data(), size);
+      if (!folderKey && known) {
+        CHECK((r != 0) == (ok && size <= expect.size()));
+        if (r) CHECK(memcmp(buf_.data(), expect.data(), size) == 0);
+      }
+      break;
+    }
+    default: {
+      // SIZE or RECT: a short read gives the default, or without one
+      // leaves what the read brought over what *out held.
+      const long long width = what == 8 ? 8 : 16;
+      const bool nullDef = in_.Bit();
+      const std::string before = in_.Content(16);
+      char out[16];
+      memcpy(out, before.data(), 16);
+      const void* d = nullDef ? nullptr : def.data();
+      if (what == 8)
+        f->GetEntry(key, reinterpret_cast<SIZE*>(out), static_cast<const SIZE*>(d));
+      else
+        f->GetEntry(key, reinterpret_cast<RECT*>(out), static_cast<const RECT*>(d));
+      known = ExpectFixed(n, width, nullDef ? std::string() : def.substr(0, width), &expect);
+      if (known && expect.empty()) {
+        // No default: what a short read of an entry brought, then the rest.
+        const size_t got = n != nullptr && !n->folder && n->hasBlocks
+                               ? std::min<size_t>(n->data.size(), static_cast<size_t>(width))
+                               : 0;
+        expect = (got > 0 ? n->data.substr(0, got) : std::string()) +
+                 before.substr(got, static_cast<size_t>(width) - got);
+      }
+      if (known) CHECK(memcmp(out, expect.data(), static_cast<size_t>(width)) == 0);
+      break;
+    }
+  }
+#undef GET_FIXED
+  Touch(si);
+}
+
+// A typed setter or getter on a folder object or at the root of a storage.
+void OpsFuzzer::OpEntries() {
+  const bool atRoot = in_.Bit();
+  const bool set = in_.Below(3) != 0;
+  if (atRoot) {
+    const int si = PickStore();
+    const bool fast = in_.Below(3) == 0;
+    if (set) {
+      if (!Writable(si)) return;
+      const std::string name = PickName();
+      const EntryOp e = PickEntryOp(true);
+      if (fast && IsBuffer(e.kind)) return;  // no fast form
+      if (SetRootEntry(si, fast, name, e) && in_.Bit()) CheckEntryBytes(si, -1, fast, name);
+    } else {
+      const char* key = nullptr;
+      const std::string name = PickNameMaybeBad(&key);
+      GetEntryChecked(si, -1, fast, key, name);
+    }
+    return;
+  }
+  const int fi = PickHandle(Usable);
+  if (fi < 0) return;
+  const int si = handles_[fi].store;
+  const char* key = nullptr;
+  const std::string name = PickNameMaybeBad(&key);
+  if (set) {
+    if (!Writable(si)) return;
+    const EntryOp e = PickEntryOp(false);
+    if (SetFolderEntry(fi, key, name, e) && in_.Bit()) CheckEntryBytes(si, fi, false, name);
+  } else {
+    GetEntryChecked(si, fi, false, key, name);
+  }
+}
+
+// --- operations: recording and replay -----------------------------------------------
+
+namespace {
+
+// The number of complete records a reader finds from the start.
+int CountRecords(unsigned char* buf, unsigned int len) {
+  if (buf == nullptr || len == 0) return 0;
+  CCompRecorder reader;
+  reader.Attach(buf, len, 0);
+  RecOpEnum op;
+  char name[64];
+  unsigned char* data = nullptr;
+  DWORD n = 0;
+  int count = 0;
+  while (reader.PopOp(&op, name, &data, &n)) ++count;
+  reader.Detach(nullptr);
+  return count;
+}
+
+}  // namespace
+
+// The tree that replaying one of our recordings builds in a fresh storage:
+// the streams its records enter and the values they write.  `ends` is set
+// when the replay is expected to stop early (an enter it cannot follow in
+// the fresh storage); the target then checks less.
+struct OpsFuzzer::ReplayModel {
+  ModelNode root;
+  bool b64 = true;
+  bool ends = false;
+};
+
+// The root stream an enter record opens or creates in the replayed storage.
+ModelNode* OpsFuzzer::ReplayRoot(ReplayModel& t, const std::string& name, bool fast, bool folder) {
+  if (t.ends) return nullptr;
+  const int at = FindSlot(&t.root, name);
+  int index = -1;
+  if (fast) {
+    if (at >= 0 && at < kFastSlots) return t.root.slots[static_cast<size_t>(at)].node.get();
+    if (at < 0) index = FirstFreeSlot(&t.root, 0, kFastSlots);
+  } else {
+    if (at >= 0) return t.root.slots[static_cast<size_t>(at)].node.get();
+    index = FirstFreeSlot(&t.root, kFastSlots, t.root.slots.size());
+    if (index < 0) {
+      index = static_cast<int>(t.root.slots.size());
+      t.root.slots.resize(t.root.slots.size() + kSlotsPerBlock);
+    }
+  }
+  if (index < 0) {
+    t.ends = true;
+    return nullptr;
+  }
+  return OccupySlot(&t.root, static_cast<size_t>(index), name, folder, 0);
+}
+
+// The child an enter record opens or creates below `dir`.
+ModelNode* OpsFuzzer::ReplayChild(ReplayModel& t, ModelNode* dir, const std::string& name,
+                                  bool folder) {
+  if (t.ends || dir == nullptr || !dir->folder) {
+    t.ends = true;
+    return nullptr;
+  }
+  const int at = FindSlot(dir, name);
+  if (at >= 0) return dir->slots[static_cast<size_t>(at)].node.get();
+  const long long w = t.b64 ? 92 : 80;
+  if (dir->folderLength + w > limit_) {
+    t.ends = true;
+    return nullptr;
+  }
+  dir->folderLength += w;
+  dir->slots.emplace_back();
+  return OccupySlot(dir, dir->slots.size() - 1, name, folder, 0);
+}
+
+void OpsFuzzer::ReplayEntryWrite(ReplayModel& t, ModelNode* n, const EntryOp& e) {
+  if (t.ends || n == nullptr || n->folder) {
+    t.ends = true;  // a write into a folder is not something we predict
+    return;
+  }
+  ModelEntryWrite(n, e, t.b64, limit_);
+}
+
+// Reads the replayed storage against the model: every root stream with all
+// it holds, and no other root stream.
+void OpsFuzzer::VerifyReplayed(int si, kyStorage* ts, const ReplayModel& t) {
+  int used = 0;
+  for (const ModelSlot& slot : t.root.slots) {
+    if (slot.name.empty()) continue;
+    ++used;
+    kyStream* stm = ts->OpenStream(slot.name.c_str(), kModeReadShared);
+    VerifyNode(si, stm, slot.node.get(), 0);
+    stm->Release();
+  }
+  int cursor = -1;
+  int count = 0;
+  kyStream* stm = ts->OpenStreamFirst2(cursor, kModeReadShared);
+  for (int i = 0; cursor == i; ++i) {
+    CHECK(stm != nullptr);
+    ++count;
+    stm->Release();
+    stm = ts->OpenStreamNext2(cursor, kModeReadShared);
+  }
+  CHECK(stm == nullptr && count == used);
+}
+
+// Records a few entry setters on storage `si` (at its root, then in a root
+// folder, then in a folder inside it, in that order so that the recorder's
+// stack can follow every write), stops, and replays the recording into a
+// fresh storage whose tree must be what the records imply.
+void OpsFuzzer::OpReplay() {
+  const int si = PickStore();
+  if (!Writable(si)) return;
+  Store& s = stores_[si];
+  ReplayModel t;
+  t.b64 = in_.Bit();
+  t.root.folder = true;
+  t.root.slots.resize(kSlotsPerBlock);
+  const DWORD blockSize = kBlockSizes[in_.Below(4)];
+  Trace("replay: record on store %d, replay into a fresh %s storage", si,
+        t.b64 ? "64-bit" : "32-bit");
+  CHECK(s.st->StartRecording() == 1);
+  if (in_.Bit()) CHECK(s.st->StartRecording() == 1);  // goes on with the same recorder
+  bool wrote = false;
+
+  for (uint32_t i = in_.Below(3); i > 0; --i) {
+    const bool fast = in_.Bit();
+    const std::string name = PickName();
+    const EntryOp e = PickEntryOp(true);
+    if (fast && IsBuffer(e.kind)) continue;
+    if (!SetRootEntry(si, fast, name, e)) continue;
+    wrote = true;
+    ReplayEntryWrite(t, ReplayRoot(t, name, fast, false), e);
+  }
+
+  int hr = -1;
+  int hf = -1;
+  const std::string rname = PickName();
+  const std::string fname = PickName();
+  if (FreeHandle() >= 0) {
+    const bool opened = RootMapped(si, rname);
+    int index = -1;
+    if (!opened && FindSlot(&s.root, rname) < 0) index = OrdinarySlotFor(si);
+    kyStream* r = s.st->OpenOrCreateStream(rname.c_str(), 1);
+    Touch(si);
+    CHECK((r != nullptr) == (opened || index >= 0));
+    if (r != nullptr) {
+      ModelNode* n;
+      if (opened) {
+        n = s.root.slots[static_cast<size_t>(FindSlot(&s.root, rname))].node.get();
+      } else {
+        n = OccupySlot(&s.root, static_cast<size_t>(index), rname, true, 0);
+        if (s.fast) s.mapped.insert(rname);
+      }
+      CheckOpened(r, n);
+      hr = AddHandle(r, si, n, -1, kModeReadWriteShared, opened);
+    }
+  }
+  if (hr >= 0 && handles_[hr].node->folder && FreeHandle() >= 0 && in_.Bit()) {
+    ModelNode* dir = handles_[hr].node;
+    ModelNode* n = nullptr;
+    if (FindSlot(dir, fname) >= 0)
+      n = dir->slots[static_cast<size_t>(FindSlot(dir, fname))].node.get();
+    else
+      n = ModelCreateChild(si, dir, fname, true, 0, true, hr);
+    kyStream* c = handles_[hr].s->OpenOrCreateStream(fname.c_str(), 1);
+    Touch(si);
+    CHECK((c != nullptr) == (n != nullptr));
+    if (c != nullptr) {
+      CheckOpened(c, n);
+      hf = AddHandle(c, si, n, hr, kModeReadWriteShared, true);
+    }
+  }
+  for (int level = 0; level < 2; ++level) {
+    const int h = level == 0 ? hr : hf;
+    if (h < 0) continue;
+    for (uint32_t i = in_.Below(4); i > 0; --i) {
+      const std::string key = PickName();
+      const EntryOp e = PickEntryOp(false);
+      if (!SetFolderEntry(h, key.c_str(), key, e)) continue;
+      wrote = true;
+      ModelNode* dir = ReplayRoot(t, rname, false, true);
+      if (level == 1) dir = ReplayChild(t, dir, fname, true);
+      ReplayEntryWrite(t, ReplayChild(t, dir, key, false), e);
+    }
+  }
+  if (hf >= 0) ReleaseHandle(hf);
+  if (hr >= 0) ReleaseHandle(hr);
+
+  CCompRecorder* rec = s.st->StopRecording();
+  CHECK(rec != nullptr && s.st->StopRecording() == nullptr);
+  CHECK(!rec->HasBeenStopped() && rec->GetStmDepth() == 0);
+  unsigned int len = 0;
+  unsigned char* buf = rec->Detach(&len);
+  delete rec;
+  CHECK(!wrote || (buf != nullptr && len > 0));
+  const int total = CountRecords(buf, len);
+
+  const std::string path = s.path + ".replay";
+  kyStorage::g_bUse64BitOffsets = t.b64 ? 1 : 0;
+  kyStorage* ts = kyStorage::Create(path.c_str(), kModeReadWriteShared, blockSize);
+  kyStorage::g_bUse64BitOffsets = 1;
+  CHECK(ts != nullptr);
+  const int applied = ts->ReplayRecording(buf, len);
+  Trace("  replayed %d of %d records%s", applied, total, t.ends ? " (ends early)" : "");
+  CHECK(t.ends ? applied <= total : applied == total);
+  CHECK(kyTestAccess::Registry(ts).IsEmpty());
+  if (!t.ends) VerifyReplayed(si, ts, t);
+  ts->Release();
+  unlink(path.c_str());
+  CCompRecorder::Free(buf);
 }
 
 // --- the run ------------------------------------------------------------------------
