@@ -59,10 +59,12 @@ int List(const std::string& file) {
   }
   printf("%-8s  %10s  %-20s  %12s  %s\n", "name", "value", "time (UTC)", "size", "children");
   while (tolvar.OpenNextStream()) {
-    const char* name = tolvar.GetStreamName();
-    const unsigned long value = strtoul(name, nullptr, 16);
-    printf("%-8s  %10lu  %-20s  %12lld  %s\n", name, value, TimeText(value).c_str(),
-           static_cast<long long>(tolvar.GetStreamSize()), ChildCount(tolvar).c_str());
+    // The object hands names out in one buffer, which the child walk reuses.
+    const std::string name = tolvar.GetStreamName();
+    const unsigned long value = strtoul(name.c_str(), nullptr, 16);
+    const std::string children = ChildCount(tolvar);
+    printf("%-8s  %10lu  %-20s  %12lld  %s\n", name.c_str(), value, TimeText(value).c_str(),
+           static_cast<long long>(tolvar.GetStreamSize()), children.c_str());
   }
   return kExitOk;
 }
