@@ -30,8 +30,12 @@ configure: check-deps
 build: configure
 	$(CMAKE) --build $(BUILD) -j $(JOBS)
 
-demo: build
-	scripts/demo.sh $(BUILD)
+# The build's own output would bury the demo: it goes to demo-build.log.
+demo: check-deps
+	@$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@$(CMAKE) --build $(BUILD) -j $(JOBS) >$(BUILD)/demo-build.log 2>&1 || \
+	  { tail -n 30 $(BUILD)/demo-build.log; exit 1; }
+	@scripts/demo.sh $(BUILD)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

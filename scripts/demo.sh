@@ -15,7 +15,7 @@ work="$build/demo"
 mkdir -p "$work"
 sample="$work/sample.kys"
 copy="$work/copy32.kys"
-rm -f "$sample" "$copy" "$work/quickstart.kys"
+rm -f "$sample" "$copy" "$work/quickstart.kys" "$work/road.kys" "$work/road.rec" "$work/replayed.kys"
 
 # Echo each command before running it, as if typed at a prompt.
 run() {
@@ -29,6 +29,7 @@ sample=sample.kys
 copy=copy32.kys
 
 run create "$sample"
+run create road.kys
 
 # A few root streams: a text, a binary file, and two time-stamped records
 # (names of 8 hexadecimal digits, seconds since 1970).
@@ -60,6 +61,25 @@ run cp "$sample" Settings "$copy" Settings
 run tree "$copy"
 run rm -r "$sample" Projects
 run tree "$sample"
+
+# Entries, recorded: set stores typed values, get reads them back, and the
+# recording replays the same change into another storage.
+run --record road.rec set road.kys Cfg/Width 640 --type int
+run get road.kys Cfg/Width
+run entries road.kys Cfg
+run recording road.rec
+run create replayed.kys
+run replay replayed.kys road.rec
+run get replayed.kys Cfg/Width --type int
+run compact "$sample"
+run generic "$sample"
+
+# The road of one request through the library: Cfg/Width 640 stored, the
+# storage closed, opened again loaded into memory, the value read back.
+rm -f road.kys
+echo
+echo "\$ example_road road.kys"
+"$build/examples/example_road" road.kys
 
 # The README's API example, built as examples/quickstart.cpp.
 if [ -x "$build/examples/example_quickstart" ]; then

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "change_recording.h"
 #include "commands.h"
 #include "file_lock.h"
 #include "platform/write_journal.h"
@@ -56,8 +57,34 @@ int RunReading(const std::vector<std::string>& files, const std::function<int()>
   return work();
 }
 
+namespace {
+
+// Runs `work` with a recording active when one is asked for, and appends
+// what it recorded once it succeeded.
+int WorkAndRecord(const std::string& file, const std::function<int()>& work, bool records) {
+  if (!records || RecordFile().empty()) return work();
+  ChangeRecording recording;
+  SetActiveRecording(&recording);
+  int status = work();
+  SetActiveRecording(nullptr);
+  if (status != kExitOk) return status;
+  std::string error;
+  if (!recording.Complete()) {
+    Complain(file,
+             "the change nests deeper than a recording holds (32 levels); nothing was changed");
+    return kExitFailure;
+  }
+  if (!recording.AppendTo(RecordFile(), error)) {
+    Complain(RecordFile(), error + "; nothing was changed");
+    return kExitFailure;
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
 int RunChanging(const std::string& file, const std::vector<std::string>& readFiles,
-                const std::function<int()>& work) {
+                const std::function<int()>& work, bool records) {
   std::vector<FileUse> uses = {{file, true}};
   for (const std::string& f : readFiles) uses.push_back({f, false});
   FileLocks locks;
@@ -70,7 +97,7 @@ int RunChanging(const std::string& file, const std::vector<std::string>& readFil
   }
   // Work that ran to its end is kept even when a signal came meanwhile:
   // the change is whole.  Long work stops early on a signal and fails.
-  const int status = work();
+  const int status = WorkAndRecord(file, work, records);
   if (status == kExitOk) {
     journal.Commit();
     return kExitOk;

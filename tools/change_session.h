@@ -23,9 +23,12 @@ int RunReading(const std::vector<std::string>& files, const std::function<int()>
 // `file`.  When `work` returns anything but kExitOk, the file is rolled
 // back.  SIGINT, SIGTERM and SIGHUP are noted meanwhile (see Interrupted)
 // and SIGXFSZ ignored, so that a write past the file size limit fails.  `work` must have released
-// every storage object it opened by the time it returns.
+// every storage object it opened by the time it returns.  With `records`
+// and a record file set (--record), `work` describes its change in
+// ActiveRecording(); a change that succeeded is appended to the record
+// file, and one that cannot be recorded or appended is rolled back.
 int RunChanging(const std::string& file, const std::vector<std::string>& readFiles,
-                const std::function<int()>& work);
+                const std::function<int()>& work, bool records = false);
 
 // The system's reason why a write on the file being changed failed ("No
 // space left on device"), or "" when none failed.

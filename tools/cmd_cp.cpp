@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "hierarchy/child_slots.h"
@@ -58,6 +60,64 @@ bool CopyMatches(kyStream* src, kyStream* dst, int depth) {
   return true;
 }
 
+// The paths (below `rel`) of the folders below `src` that will replace a
+// data stream of the same name below `dst`: the recording removes those
+// first, as a replay would otherwise enter the data stream.
+void FoldersReplacingData(kyStream* src, kyStream* dst, const std::string& rel,
+                          std::set<std::string>& out) {
+  __int64 cursor = 0;
+  for (kyStream* child = src->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
+       child = src->OpenStreamNext(&cursor, kModeReadShared)) {
+    kyStream* old =
+        child->IsFolder() ? dst->OpenStream(child->GetName(), kModeReadShared) : nullptr;
+    const std::string path = rel + child->GetName();
+    if (old != nullptr && !old->IsFolder()) out.insert(path);
+    if (old != nullptr && old->IsFolder()) FoldersReplacingData(child, old, path + "/", out);
+    if (old != nullptr) old->Release();
+    child->Release();
+  }
+}
+
+// Records the copies of the children of `src` found below `dst` after the
+// copy.  A data stream is recorded as removed and made again, so that the
+// replay neither keeps a longer old length nor writes into a folder.
+bool RecordCopied(ChangeRecording& rec, kyStream* src, kyStream* dst, const std::string& rel,
+                  const std::set<std::string>& replacing) {
+  __int64 cursor = 0;
+  for (kyStream* child = src->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
+       child = src->OpenStreamNext(&cursor, kModeReadShared)) {
+    const std::string path = rel + child->GetName();
+    StreamPtr copy(dst->OpenStream(child->GetName(), kModeReadShared));
+    bool ok = copy != nullptr;
+    if (ok && (!child->IsFolder() || replacing.count(path) > 0)) rec.Remove(child->GetName(), dst);
+    if (ok) rec.Enter(copy.get());
+    ok = ok && (child->IsFolder() ? RecordCopied(rec, child, copy.get(), path + "/", replacing)
+                                  : rec.WriteData(copy.get()));
+    if (copy) rec.Leave(copy.get());
+    child->Release();
+    if (!ok) return false;
+  }
+  return true;
+}
+
+bool RecordCopy(ChangeRecording& rec, kyStream* src, const StreamChain& chain,
+                const std::set<std::string>& replacing) {
+  kyStream* leaf = chain.Leaf();
+  if (src->IsFolder()) {
+    rec.EnterChain(chain);
+    const bool ok = RecordCopied(rec, src, leaf, "", replacing);
+    rec.LeaveChain(chain);
+    return ok;
+  }
+  rec.EnterChain(chain, chain.Depth() - 1);
+  rec.Remove(leaf->GetName(), chain.Parent());
+  rec.Enter(leaf);
+  const bool ok = rec.WriteData(leaf);
+  rec.Leave(leaf);
+  rec.LeaveChain(chain, chain.Depth() - 1);
+  return ok;
+}
+
 // Copies the opened source into `dstPath` of `dst`, made like the source
 // (folder or data stream) when it does not exist.  A folder merges into an
 // existing folder as CopyFolder does.
@@ -65,18 +125,23 @@ int CopyInto(kyStream* src, kyStorage* dst, const StreamPath& dstPath, const std
   bool folder = src->IsFolder() != 0;
   StreamChain chain;
   if (!OpenOrCreatePath(dst, dstFile, dstPath, folder, chain)) return kExitFailure;
+  ChangeRecording* rec = ActiveRecording();
+  std::set<std::string> replacing;
+  if (rec != nullptr && folder) FoldersReplacingData(src, chain.Leaf(), "", replacing);
   if (folder) {
     // CopyFolder refuses a destination inside the source itself.
     if (!src->CopyFolder(chain.Leaf()) && !CopyMatches(src, chain.Leaf(), 0)) {
       ComplainAbout(dstFile, dstPath, WithWriteError("the folder was not copied completely"));
       return kExitFailure;
     }
-    return kExitOk;
-  }
-  // CopyStream reports an empty source as a failure after emptying the
-  // destination, which is what copying an empty stream means.
-  if (!src->CopyStream(chain.Leaf()) && src->GetLength() > 0) {
+  } else if (!src->CopyStream(chain.Leaf()) && src->GetLength() > 0) {
+    // CopyStream reports an empty source as a failure after emptying the
+    // destination, which is what copying an empty stream means.
     ComplainAbout(dstFile, dstPath, WithWriteError("the stream was not copied completely"));
+    return kExitFailure;
+  }
+  if (rec != nullptr && !RecordCopy(*rec, src, chain, replacing)) {
+    ComplainAbout(dstFile, dstPath, "cannot read the copy back to record it");
     return kExitFailure;
   }
   return kExitOk;
@@ -148,7 +213,8 @@ int RunCp(const CpOptions& opt) {
   }
   const std::vector<std::string> reads =
       sameFile ? std::vector<std::string>() : std::vector<std::string>{opt.srcFile};
-  return RunChanging(opt.dstFile, reads, [&] { return Copy(opt, srcPath, dstPath, sameFile); });
+  return RunChanging(
+      opt.dstFile, reads, [&] { return Copy(opt, srcPath, dstPath, sameFile); }, true);
 }
 
 }  // namespace

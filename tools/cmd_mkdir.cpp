@@ -1,6 +1,7 @@
 // kystore mkdir [-p] FILE PATH: creates a folder.
 #include <memory>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
@@ -23,7 +24,12 @@ struct MkdirOptions {
 // is not an error, as with the shell's mkdir -p.
 int MakeWithParents(kyStorage* storage, const StreamPath& path, const std::string& file) {
   StreamChain chain;
-  return OpenOrCreatePath(storage, file, path, true, chain) ? kExitOk : kExitFailure;
+  if (!OpenOrCreatePath(storage, file, path, true, chain)) return kExitFailure;
+  if (ChangeRecording* rec = ActiveRecording()) {
+    rec->EnterChain(chain);
+    rec->LeaveChain(chain);
+  }
+  return kExitOk;
 }
 
 int MakeOne(kyStorage* storage, const StreamPath& path, const std::string& file) {
@@ -44,6 +50,12 @@ int MakeOne(kyStorage* storage, const StreamPath& path, const std::string& file)
     ComplainAbout(file, path, WithWriteError("cannot create the folder"));
     return kExitFailure;
   }
+  if (ChangeRecording* rec = ActiveRecording()) {
+    rec->EnterChain(chain);
+    rec->Enter(folder);
+    rec->Leave(folder);
+    rec->LeaveChain(chain);
+  }
   folder->Release();
   return kExitOk;
 }
@@ -58,7 +70,8 @@ int Make(const MkdirOptions& opt, const StreamPath& path) {
 int RunMkdir(const MkdirOptions& opt) {
   StreamPath path;
   if (!ParsePathArgument(opt.path, kMkdirSynopsis, path)) return kExitUsage;
-  return RunChanging(opt.file, {}, [&] { return Make(opt, path); });
+  return RunChanging(
+      opt.file, {}, [&] { return Make(opt, path); }, true);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // kystore mv FILE PATH NEWNAME: renames a stream or folder in place.
 #include <memory>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
@@ -44,9 +45,24 @@ int Rename(const MvOptions& opt, const StreamPath& path) {
     ComplainAbout(opt.file, target, "exists");
     return kExitFailure;
   }
-  if (!opened.Leaf()->Rename(opt.newName.c_str())) {
+  kyStream* stm = opened.Leaf();
+  if (!stm->Rename(opt.newName.c_str())) {
     ComplainAbout(opt.file, path, WithWriteError("cannot rename"));
     return kExitFailure;
+  }
+  // Recorded as a copy of the tree under the new name, then the removal of
+  // the old name: a replay has no rename.
+  if (ChangeRecording* rec = ActiveRecording()) {
+    const StreamChain& chain = opened.Chain();
+    rec->EnterChain(chain);
+    const bool ok = rec->WriteTree(stm);
+    rec->Leave(stm);
+    rec->Remove(path.back(), chain.Parent());
+    rec->LeaveChain(chain, chain.Depth() - 1);
+    if (!ok) {
+      ComplainAbout(opt.file, path, "cannot read the stream to record it");
+      return kExitFailure;
+    }
   }
   return kExitOk;
 }
@@ -59,7 +75,8 @@ int RunMv(const MvOptions& opt) {
   std::string problem;
   if (!CheckPath({opt.newName}, problem)) return UsageError(kMvSynopsis, problem);
   if (opt.newName == path.back()) return kExitOk;
-  return RunChanging(opt.file, {}, [&] { return Rename(opt, path); });
+  return RunChanging(
+      opt.file, {}, [&] { return Rename(opt, path); }, true);
 }
 
 }  // namespace

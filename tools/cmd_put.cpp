@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "file_lock.h"
@@ -171,9 +172,29 @@ kyStream* CreateTemporarySibling(kyStorage* storage, kyStream* parent, WORD minu
   return nullptr;
 }
 
+// Records the put: the new data as erase-old writes into the stream inside
+// its folders.  Emptying a stream takes a removal first, as an empty write
+// would not cut the old data.
+int RecordPut(const PutOptions& opt, const StreamPath& path, const StreamChain& chain,
+              kyStream* stm, bool hadOld) {
+  ChangeRecording* rec = ActiveRecording();
+  if (rec == nullptr) return kExitOk;
+  rec->EnterChain(chain);
+  if (hadOld && stm->GetLength() == 0) rec->Remove(path.back(), chain.Leaf());
+  rec->Enter(stm);
+  const bool ok = rec->WriteData(stm);
+  rec->Leave(stm);
+  rec->LeaveChain(chain);
+  if (ok) return kExitOk;
+  ComplainAbout(opt.file, path, "cannot read the new data back to record them");
+  return kExitFailure;
+}
+
 // Writes the data into a new stream and puts it in the old one's place.
 int ReplaceStream(const PutOptions& opt, const StreamPath& path, Input& in, kyStorage* storage,
-                  kyStream* parent, StreamPtr old) {
+                  const StreamChain& chain, StreamPtr old) {
+  kyStream* parent = chain.Leaf();
+  const bool hadOld = old != nullptr;
   StreamPtr fresh(CreateTemporarySibling(storage, parent, old ? old->GetDuration() : 0));
   if (!fresh) {
     ComplainAbout(opt.file, path, WithWriteError("cannot create the stream"));
@@ -192,16 +213,18 @@ int ReplaceStream(const PutOptions& opt, const StreamPath& path, Input& in, kySt
     ComplainAbout(opt.file, path, WithWriteError("cannot name the new stream"));
     return kExitFailure;
   }
-  return kExitOk;
+  return RecordPut(opt, path, chain, fresh.get(), hadOld);
 }
 
 // Writes the data over the stream's own; the journal keeps the old bytes.
-int OverwriteInPlace(const PutOptions& opt, const StreamPath& path, Input& in, kyStream* stm) {
+int OverwriteInPlace(const PutOptions& opt, const StreamPath& path, Input& in,
+                     const StreamChain& chain, kyStream* stm) {
   if (stm->GetLength() > 0 && !stm->Erase()) {
     ComplainAbout(opt.file, path, WithWriteError("cannot empty the stream"));
     return kExitFailure;
   }
-  return CopyFromInput(in, stm, opt.file + ": " + JoinPath(path));
+  const int status = CopyFromInput(in, stm, opt.file + ": " + JoinPath(path));
+  return status != kExitOk ? status : RecordPut(opt, path, chain, stm, true);
 }
 
 int PutInto(const PutOptions& opt, const StreamPath& path, Input& in) {
@@ -223,8 +246,8 @@ int PutInto(const PutOptions& opt, const StreamPath& path, Input& in) {
     return kExitFailure;
   }
   if (old && InFastSlot(scan, chain.Leaf(), path.back()))
-    return OverwriteInPlace(opt, path, in, old.get());
-  return ReplaceStream(opt, path, in, storage.get(), chain.Leaf(), std::move(old));
+    return OverwriteInPlace(opt, path, in, chain, old.get());
+  return ReplaceStream(opt, path, in, storage.get(), chain, std::move(old));
 }
 
 int RunPut(PutOptions opt) {
@@ -233,7 +256,8 @@ int RunPut(PutOptions opt) {
   if (!ParsePathArgument(opt.path, kPutSynopsis, path)) return kExitUsage;
   Input in;
   if (!OpenInput(opt.source, in)) return kExitFailure;
-  return RunChanging(opt.file, {}, [&] { return PutInto(opt, path, in); });
+  return RunChanging(
+      opt.file, {}, [&] { return PutInto(opt, path, in); }, true);
 }
 
 }  // namespace

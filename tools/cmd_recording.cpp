@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
@@ -72,37 +73,10 @@ void PrintRecord(RecOpEnum op, const char* name, const unsigned char* data, DWOR
          length.c_str(), bytes.c_str());
 }
 
-// Reads the whole file into a malloc'ed buffer for the recorder to own.
-unsigned char* LoadFile(const std::string& file, unsigned int& size, std::string& error) {
-  FILE* f = fopen(file.c_str(), "rb");
-  if (f == nullptr) {
-    error = strerror(errno);
-    return nullptr;
-  }
-  unsigned char* buf = nullptr;
-  size = 0;
-  long end = -1;
-  if (fseek(f, 0, SEEK_END) == 0) end = ftell(f);
-  if (end < 0 || end > 0x7FFFFFFFL) {
-    error = end < 0 ? "cannot find the size of the file" : "file too large for a recording";
-  } else {
-    size = static_cast<unsigned int>(end);
-    buf = static_cast<unsigned char*>(malloc(size > 0 ? size : 1));
-    if (buf == nullptr) error = "out of memory";
-    if (buf != nullptr && (fseek(f, 0, SEEK_SET) != 0 || fread(buf, 1, size, f) != size)) {
-      free(buf);
-      buf = nullptr;
-      error = "read error";
-    }
-  }
-  fclose(f);
-  return buf;
-}
-
 int PrintRecording(const std::string& file) {
   unsigned int size = 0;
   std::string error;
-  unsigned char* buf = LoadFile(file, size, error);
+  unsigned char* buf = LoadRecordingFile(file, size, error);
   if (buf == nullptr) {
     Complain(file, error);
     return kExitFailure;

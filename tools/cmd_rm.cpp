@@ -2,6 +2,7 @@
 // is not empty.
 #include <memory>
 
+#include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "kystore.h"
@@ -28,27 +29,46 @@ bool HasChildren(kyStream* folder) {
   return true;
 }
 
-int Remove(const RmOptions& opt, const StreamPath& path) {
-  OpenedPath opened(opt.file, path, true);
-  if (!opened) return kExitFailure;
-  kyStream* stm = opened.Leaf();
-  // Like the shell's rm, a folder with something in it goes only with -r.
+// Checks the stream before it goes: it must exist and, like the shell's
+// rm, a folder with something in it goes only with -r.
+bool MayRemove(kyStorage* storage, const RmOptions& opt, const StreamPath& path) {
+  StreamChain chain;
+  if (!OpenPath(storage, opt.file, path, kModeReadShared, chain)) return false;
+  kyStream* stm = chain.Leaf();
   if (!opt.recursive && stm->IsFolder() && HasChildren(stm)) {
     ComplainAbout(opt.file, path, "folder not empty (use -r)");
-    return kExitFailure;
+    return false;
   }
-  if (!stm->Remove()) {
+  return true;
+}
+
+int Remove(const RmOptions& opt, const StreamPath& path) {
+  OpenedStorage storage(opt.file, true);
+  if (!storage || !MayRemove(storage.get(), opt, path)) return kExitFailure;
+  // The folders above stay open for the recording; they do not keep the
+  // stream from going.
+  StreamChain parents;
+  if (!OpenPath(storage.get(), opt.file, StreamPath(path.begin(), path.end() - 1),
+                kModeReadWriteShared, parents))
+    return kExitFailure;
+  CPathLoader loader;
+  if (!loader.DeleteStreamByPath(storage.get(), CString(JoinPath(path).c_str()))) {
     ComplainAbout(opt.file, path, WithWriteError("cannot remove"));
     return kExitFailure;
   }
-  opened.Chain().DropLeaf();  // Remove has destroyed the object
+  if (ChangeRecording* rec = ActiveRecording()) {
+    rec->EnterChain(parents);
+    rec->Remove(path.back(), parents.Leaf());
+    rec->LeaveChain(parents);
+  }
   return kExitOk;
 }
 
 int RunRm(const RmOptions& opt) {
   StreamPath path;
   if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
-  return RunChanging(opt.file, {}, [&] { return Remove(opt, path); });
+  return RunChanging(
+      opt.file, {}, [&] { return Remove(opt, path); }, true);
 }
 
 }  // namespace

@@ -36,6 +36,12 @@ Command RegisterRm(CLI::App& app, int& status);
 Command RegisterMv(CLI::App& app, int& status);
 Command RegisterCp(CLI::App& app, int& status);
 Command RegisterRecording(CLI::App& app, int& status);
+Command RegisterGet(CLI::App& app, int& status);
+Command RegisterSet(CLI::App& app, int& status);
+Command RegisterEntries(CLI::App& app, int& status);
+Command RegisterReplay(CLI::App& app, int& status);
+Command RegisterCompact(CLI::App& app, int& status);
+Command RegisterGeneric(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

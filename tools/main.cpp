@@ -3,6 +3,7 @@
 #include <iostream>
 #include <vector>
 
+#include "change_recording.h"
 #include "commands.h"
 
 namespace {
@@ -46,8 +47,18 @@ int main(int argc, char** argv) {
       kycli::RegisterPut(app, status),       kycli::RegisterTree(app, status),
       kycli::RegisterMkdir(app, status),     kycli::RegisterRm(app, status),
       kycli::RegisterMv(app, status),        kycli::RegisterCp(app, status),
-      kycli::RegisterRecording(app, status),
+      kycli::RegisterRecording(app, status), kycli::RegisterGet(app, status),
+      kycli::RegisterSet(app, status),       kycli::RegisterEntries(app, status),
+      kycli::RegisterReplay(app, status),    kycli::RegisterCompact(app, status),
+      kycli::RegisterGeneric(app, status),
   };
+  // Parsed before any command runs: the commands read it when they change
+  // a storage.
+  std::string recordFile;
+  app.add_option("--record", recordFile,
+                 "Append what a changing command (put, set, mkdir, rm, mv, cp) changed, as a "
+                 "recording, to this file");
+  app.parse_complete_callback([&recordFile] { kycli::SetRecordFile(recordFile); });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

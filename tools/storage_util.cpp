@@ -47,14 +47,31 @@ bool ForEachRootStream(kyStorage* storage,
   }
 }
 
-void StreamChain::ReleaseLeaf() {
-  if (m_streams.empty()) return;
-  m_streams.back()->Release();
-  m_streams.pop_back();
+bool StreamChain::OpenBelow(kyStorage* storage, const std::string& name, bool writable) {
+  // The loader holds only an unbroken run of levels from the root: below a
+  // stream of the chain's own, the chain opens the child itself.
+  const bool loaderRun = m_streams.empty() || m_streams.back().byLoader;
+  kyStream* stm = nullptr;
+  if (!loaderRun) {
+    kyStream* parent = Leaf();
+    stm = parent->OpenStream(name.c_str(), writable ? kModeReadWriteShared : kModeReadShared);
+  } else if (m_streams.empty()) {
+    stm = m_loader.GetStreamByPath(storage, CString(name.c_str()), writable, 0);
+  } else {
+    stm = m_loader.GetSubStreamByPath(Leaf(), CString(name.c_str()), writable, 0);
+  }
+  if (stm == nullptr) return false;
+  m_streams.push_back({stm, loaderRun});
+  return true;
 }
 
 void StreamChain::ReleaseAll() {
-  while (!m_streams.empty()) ReleaseLeaf();
+  while (!m_streams.empty() && !m_streams.back().byLoader) {
+    m_streams.back().stm->Release();
+    m_streams.pop_back();
+  }
+  m_streams.clear();
+  m_loader.CloseOpenStorages();
 }
 
 }  // namespace kycli

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kystore.h"
+#include "kystore/path_loader.h"
 
 namespace kycli {
 
@@ -47,9 +48,12 @@ struct StreamReleaser {
 };
 typedef std::unique_ptr<kyStream, StreamReleaser> StreamPtr;
 
-// The streams opened along a path, outermost first.  A child keeps a
-// pointer to its parent, so the chain releases the innermost stream first;
-// declare it after the OpenedStorage it belongs to, so that it goes first.
+// The streams opened along a path, outermost first.  Existing streams are
+// opened through a path loader, which holds them; streams the command
+// creates or opens itself below them are held by the chain.  A child keeps
+// a pointer to its parent, so the chain releases the innermost stream
+// first; declare it after the OpenedStorage it belongs to, so that it goes
+// first.
 class StreamChain {
  public:
   StreamChain() = default;
@@ -57,25 +61,34 @@ class StreamChain {
   StreamChain(const StreamChain&) = delete;
   StreamChain& operator=(const StreamChain&) = delete;
 
-  void Push(kyStream* stm) { m_streams.push_back(stm); }
+  // Opens the existing child `name` of the leaf (a root stream for an
+  // empty chain) with mode 0x12, or 0x16 when `writable`, and makes it the
+  // leaf.  False, with the chain as it was, when it cannot be opened.
+  bool OpenBelow(kyStorage* storage, const std::string& name, bool writable);
+  // Makes `stm`, opened or created by the caller, the leaf; the chain
+  // releases it.
+  void Push(kyStream* stm) { m_streams.push_back({stm, false}); }
   size_t Depth() const { return m_streams.size(); }
   // The innermost stream, or null for an empty chain.
-  kyStream* Leaf() const { return m_streams.empty() ? nullptr : m_streams.back(); }
+  kyStream* Leaf() const { return m_streams.empty() ? nullptr : m_streams.back().stm; }
+  // The stream at `level` (0: the root stream).
+  kyStream* At(size_t level) const { return m_streams[level].stm; }
   // Whether the leaf can hold streams: a folder, or the storage's root
   // directory that an empty chain stands for.
   bool LeafIsFolder() const { return Leaf() == nullptr || Leaf()->IsFolder(); }
   // The stream holding the leaf, or null when the leaf is a root stream.
   kyStream* Parent() const {
-    return m_streams.size() < 2 ? nullptr : m_streams[m_streams.size() - 2];
+    return m_streams.size() < 2 ? nullptr : m_streams[m_streams.size() - 2].stm;
   }
-  // Forgets the leaf without releasing it (after a successful Remove, which
-  // destroys the object itself).
-  void DropLeaf() { m_streams.pop_back(); }
-  void ReleaseLeaf();
   void ReleaseAll();
 
  private:
-  std::vector<kyStream*> m_streams;
+  struct Held {
+    kyStream* stm;
+    bool byLoader;  // the loader releases it
+  };
+  std::vector<Held> m_streams;
+  CPathLoader m_loader;  // holds the streams of the chain's start
 };
 
 }  // namespace kycli

@@ -31,13 +31,11 @@ PathResult WalkPath(kyStorage* storage, const StreamPath& path, DWORD mode, IfMi
       failedAt = i - 1;
       return PathResult::kNotFolder;
     }
-    kyStream* stm = OpenChild(storage, chain.Leaf(), path[i], mode);
-    if (stm == nullptr) {
-      if (ifMissing == IfMissing::kFail) return PathResult::kMissing;
-      bool folder = i + 1 < path.size() || ifMissing == IfMissing::kMakeFolder;
-      stm = CreateChild(storage, chain.Leaf(), path[i], folder);
-      if (stm == nullptr) return PathResult::kFailed;
-    }
+    if (chain.OpenBelow(storage, path[i], mode == kModeReadWriteShared)) continue;
+    if (ifMissing == IfMissing::kFail) return PathResult::kMissing;
+    bool folder = i + 1 < path.size() || ifMissing == IfMissing::kMakeFolder;
+    kyStream* stm = CreateChild(storage, chain.Leaf(), path[i], folder);
+    if (stm == nullptr) return PathResult::kFailed;
     chain.Push(stm);
   }
   return PathResult::kOpened;
