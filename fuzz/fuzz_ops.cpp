@@ -63,13 +63,13 @@ const bool kLongRenames = true;
 // fails, but the library has already given the object's header copy the
 // source's size-prefix mark (fuzz/regressions/fuzz_ops/refused_copy_takes_mark).
 // Off: the target avoids such copies when the marks differ.
-const bool kRefusedCopyKeepsMark = false;
+const bool kRefusedCopyKeepsMark = true;
 // Creations through a second object of a folder whose length is out of
 // date, when the folder has a free slot: the library ends the folder at the
 // end that object knows, cutting off the slots behind it
 // (fuzz/regressions/fuzz_ops/stale_folder_creation_cuts_folder).  Off: the
 // target avoids them.
-const bool kStaleCreationWithFreeSlot = false;
+const bool kStaleCreationWithFreeSlot = true;
 
 // --- bounds -----------------------------------------------------------------
 const int kMaxHandles = 12;

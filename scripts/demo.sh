@@ -15,7 +15,7 @@ work="$build/demo"
 mkdir -p "$work"
 sample="$work/sample.kys"
 copy="$work/copy32.kys"
-rm -f "$sample" "$copy" "$work/quickstart.kys" "$work/road.kys" "$work/road.rec" "$work/replayed.kys"
+rm -f "$sample" "$copy" "$work"/record_*.kys "$work/settings.kys" "$work/quickstart.kys" "$work/road.kys" "$work/road.rec" "$work/replayed.kys"
 
 # Echo each command before running it, as if typed at a prompt.
 run() {
@@ -88,6 +88,16 @@ if [ -x "$build/examples/example_quickstart" ]; then
   "$build/examples/example_quickstart" quickstart.kys
   run tree quickstart.kys
 fi
+
+# Settings kept as entries, and changes recorded on one storage replayed
+# into another, through the library (examples/settings.cpp, record_replay.cpp).
+for example in settings record_replay; do
+  if [ -x "$build/examples/example_$example" ]; then
+    echo
+    echo "\$ example_$example"
+    "$build/examples/example_$example"
+  fi
+done
 
 echo
 if cmp -s <("$kystore" cat "$sample" Random) random.bin; then
