@@ -47,45 +47,6 @@ TEST_P(RootOpenTest, ByNameFastMapAndLocator) {
   EXPECT_EQ(0, Records());
 }
 
-TEST_P(RootOpenTest, DirectoryOrderWalk) {
-  kyStorage* s = Make();
-  int cursor = 9;
-  EXPECT_EQ(nullptr, s->OpenStreamFirst2(cursor, kRO));  // nothing to walk
-  EXPECT_EQ(9, cursor);
-  Names expected = {"f0", "f1"};
-  for (int i = 0; i < 60; ++i) expected.push_back("o" + std::to_string(i));
-  FillOrdinary(60);  // o58 and o59 in the second block
-  Add("f0", 0, true);
-  Add("f1", 1, true);
-  auto walk = [](kyStorage* s) {
-    Names out;
-    int cursor = -7;
-    for (kyStream* stm = s->OpenStreamFirst2(cursor, kRO); stm != nullptr;
-         stm = s->OpenStreamNext2(cursor, kRO))
-      out.push_back(Hold(stm)->GetName());
-    return out;
-  };
-  EXPECT_EQ(expected, walk(s));
-  // A slot freed on disk drops out of the walk; a cursor at the end or out
-  // of range stays.
-  const int64_t o3 = Locator("o3").headerOffset;
-  Bytes img = ReadAll(path);
-  std::fill(img.begin() + o3 + 4, img.begin() + o3 + 65, 0);
-  WriteAll(path, img);
-  ASSERT_TRUE(s->RemoveStream("o3"));
-  expected.erase(expected.begin() + 5);
-  EXPECT_EQ(expected, walk(s));
-  for (int start : {static_cast<int>(expected.size()) - 1, -2}) {
-    cursor = start;
-    EXPECT_EQ(nullptr, s->OpenStreamNext2(cursor, kRO));
-    EXPECT_EQ(start, cursor);
-  }
-  EXPECT_EQ(expected, walk(Reopen(kRO, 1)));
-  cursor = 5;  // without a name map, the names on disk cannot be opened
-  EXPECT_EQ(nullptr, Reopen(kRO, 2)->OpenStreamFirst2(cursor, kRO));
-  EXPECT_EQ(0, cursor);
-}
-
 TEST_P(RootOpenTest, FindRootStreamsAndFolders) {
   kyStorage* s = Make();
   for (const char* n : {"d1", "F1", "d2", "F2"}) Add(n, n[0] == 'F');
