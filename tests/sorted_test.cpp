@@ -39,25 +39,6 @@ TEST(CMapWalkTest, BucketsAscendingNewestFirst) {
             walk());
 }
 
-TEST(CMapSortTest, ViewIndexAndOverwrites) {
-  CMapSort<CString, const char*, int, int> map;
-  EXPECT_EQ(-1, map.Sort(0));
-  for (const char* n : {"b", "a"}) map.SetAt(n, 1);
-  ASSERT_EQ(0, map.Sort(0));
-  map.SetAt("a", 30);  // an overwrite: the view is rebuilt with the new value
-  ASSERT_TRUE(!map.IsSorted() && map.Sort(0) == 0);
-  CString key;
-  int value = 0;
-  ASSERT_TRUE(map.GetSortedAt(0, key, value) && value == 30);
-  EXPECT_FALSE(map.GetSortedAt(-1, key, value) || map.GetSortedAt(2, key, value));
-  for (int start : {1, 2}) {  // runs to -1 after the last pair, leaves outsiders
-    int index = start;
-    map.GetNextSorted(index, key, value);
-    EXPECT_EQ(start == 1 ? -1 : 2, index);
-    EXPECT_STREQ("b", key.GetString());
-  }
-}
-
 typedef std::vector<std::pair<std::string, DWORD>> Durations;
 
 class SortedTest : public RootTest {
