@@ -1,5 +1,4 @@
-// Folders and their child slots: bytes on disk, reuse, refusals, lookups and
-// walks (also through a preloaded map), GoNext, damaged folder data.
+// Folders: child slots on disk, reuse, refusals, lookups, preloaded maps, damage.
 
 #include <functional>
 #include <string>
@@ -43,8 +42,7 @@ class Folders : public FolderTest {
   int64_t topBlock = 0;
 };
 
-// The child count, then one slot per child with the duration from the
-// type's high word (seconds in the locator); the same after a reopen.
+// The count, then one slot per child (duration from the type's high word).
 TEST_P(Folders, FolderDataHoldsCountAndSlotsAcrossReopen) {
   {
     auto top = Hold(Root("Top"));
@@ -97,8 +95,7 @@ TEST_P(Folders, FreedSlotsAreReused) {
   EXPECT_EQ((Names{"x", "y"}), ChildNames(f));
 }
 
-// Refused, changing nothing: bad or taken names, a child held exclusively,
-// a parent whose flag byte is not exactly 1.
+// Refused untouched: taken names, a child held exclusively, flags other than 1.
 TEST_P(Folders, CreationRefusesBadNamesHeldChildrenAndNonFolders) {
   auto top = Hold(Root("Top"));
   const std::string sixty(60, 'n'), longer(61, 'n');
@@ -120,8 +117,7 @@ TEST_P(Folders, CreationRefusesBadNamesHeldChildrenAndNonFolders) {
   EXPECT_EQ(nullptr, top->CreateStream("x", 0, RW, 1));
 }
 
-// The empty name finds a free slot but opens nothing; walks skip free slots
-// and end at a child they may not open.
+// "" finds a free slot, opens nothing; walks end at a child they may not open.
 TEST_P(Folders, EmptyNameAndWalksStoppedByAHeldChild) {
   {
     auto top = Hold(Root("Top"));
@@ -149,8 +145,7 @@ TEST_P(Folders, EmptyNameAndWalksStoppedByAHeldChild) {
   EXPECT_EQ(3, names.GetSize());  // appends, up to the child it may not open
 }
 
-// GoNext into the second directory block takes over the new name's record;
-// it does not move a folder with a child open.
+// GoNext takes over the new name's record; a folder with a child open stays.
 TEST_P(Folders, GoNextFollowsTheRootDirectory) {
   for (int i = 0; i < 59; ++i) Root(("r" + std::to_string(i)).c_str(), i == 0)->Release();
   Reopen();
@@ -230,8 +225,7 @@ TEST_P(Folders, PreloadedMapAppendsAndOpensTheChildAsWritten) {
   EXPECT_EQ("hello!!!", Text(OpenIn(top, "x")));
 }
 
-// Removals and renames through another folder object never leave a name in
-// the map the child no longer has; a removing walk reaches all.
+// Another object's removals and renames never leave a stale name in the map.
 TEST_P(Folders, RemoveAndRenameKeepThePreloadedMapTrue) {
   auto top = Hold(Root("Top"));
   for (const char* n : {"bee", "c", "d"}) Child(top, n, 0, n);
@@ -267,8 +261,7 @@ TEST_P(Folders, RemoveAndRenameKeepThePreloadedMapTrue) {
   }
 }
 
-// Walks stop at the end of the data, a creation appends there and writes
-// the true count; a negative count gives no walk; short data give no map.
+// Walks stop at the data's end; a creation appends there with the true count.
 TEST_P(Folders, DamagedCountLargerThanTheData) {
   const int64_t count = BuildTop()[0] - 4;
   Patch(count, 1000, false);
@@ -288,15 +281,9 @@ TEST_P(Folders, DamagedCountLargerThanTheData) {
   EXPECT_FALSE(Finds(top, "missing"));
   top->PreloadChildren();
   EXPECT_EQ((Names{"a", "b", "c", "d"}), MapWalk(top.get(), false));
-  auto shortData = Hold(Root("Short", 0));
-  ASSERT_EQ(2, shortData->Write("ab", 2));
-  kyTestAccess::Header(shortData.get()).Flags() = kFolderFlag;
-  shortData->PreloadChildren();
-  EXPECT_EQ(nullptr, kyTestAccess::PreloadMap(shortData.get()));
 }
 
-// A child folder over its parent's chain is not opened below itself; a name
-// filling its whole field reads as its first 60 characters.
+// A child folder over its parent's chain is not opened below itself.
 TEST_P(Folders, DamagedChildSlots) {
   const std::vector<int64_t> slots = BuildTop();
   Bytes image = ReadAll(path);
@@ -325,8 +312,7 @@ TEST_P(Folders, DamagedChildSlots) {
   EXPECT_EQ(nullptr, storage->OpenStream("Top", RO));
 }
 
-// The library's own reads (a preloaded lookup, walk, open by locator) leave
-// the shared file position where a reading stream left it.
+// The library's own reads leave the shared position where a reader left it.
 TEST_P(Folders, OwnReadsDoNotMoveAReadingStream) {
   Hold(Root("S", 0))->Write("0123456789", 10);
   Child(Hold(Root("F")), "D", 0, "child data");

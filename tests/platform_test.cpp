@@ -1,5 +1,4 @@
-// The Win32 stand-ins: one position per handle, short reads at the end,
-// refused seeks, dispositions and access.
+// The Win32 stand-ins: one position per handle, short reads, refusals.
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,4 @@
-// Creating root streams: slot choice, bytes of new headers and directory
-// blocks, refusals that leave the file alone, and directory links that every
-// walk of the chain refuses.
+// Creating root streams: slots, header and directory bytes, refusals, bad links.
 
 #include <cstring>
 #include <string>
@@ -119,8 +117,7 @@ TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
   }
 }
 
-// A data block that ended the file must not grow in place over a directory
-// block appended behind it.
+// A data block must not grow in place over a directory block appended after it.
 TEST_P(RootCreateTest, NewDirectoryBlockStopsInPlaceGrowth) {
   Make();
   auto a = Hold(New("a"));

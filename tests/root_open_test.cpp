@@ -1,5 +1,4 @@
-// Opening and walking root streams, the searches, the child count of a root
-// folder, and the open-stream registry: counts, admission, Release results.
+// Opening root streams, a root folder's count, and the open-stream registry.
 
 #include <functional>
 #include <string>
@@ -44,8 +43,7 @@ TEST_P(RootOpenTest, ByNameFastMapAndLocator) {
   EXPECT_EQ(0, Records());
 }
 
-// The count comes from the folder's data; reading it moves the shared
-// position no further than opening the folder does.
+// The count is read from the folder's data, moving nothing an open would not.
 TEST_P(RootOpenTest, SubfolderCount) {
   kyStorage* s = Make();
   Add("folder", 1);

@@ -1,5 +1,4 @@
-// The framework map's walk order (the unsorted order of root streams), the
-// sorted walks, and the walk that opens nothing and works out durations.
+// The framework map's walk order, sorted walks, and the durations walk.
 
 #include <string>
 #include <utility>

@@ -1,6 +1,5 @@
-// Storage files: a new file's bytes, both header forms, refusals that leave
-// the file alone, the name map, the factories, the in-memory load.  Images are
-// made by hand, so that the reader is tested against the format.
+// Storage files, from images made by hand: headers, refusals, the name map,
+// the factories, the in-memory load.
 
 #include <cstring>
 #include <functional>

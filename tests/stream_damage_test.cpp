@@ -1,6 +1,5 @@
-// Damaged blocks, links and lengths: every walk along a chain, reading or
-// writing, ends with its failure result, never a hang or a crash, and a
-// writer never touches another stream's bytes.
+// Damaged blocks, links and lengths: walks fail cleanly and a writer never
+// touches another stream's bytes.
 
 #include <climits>
 #include <string>
@@ -141,8 +140,7 @@ TEST_P(StreamDamage, DamagedLengthsAreNeverComputedWith) {
   }
 }
 
-// Another storage object grows the file: this one finds the new blocks and
-// no longer grows its last block in place over the other's.
+// After another object grows the file no block grows in place over its bytes.
 TEST_P(StreamDamage, AnotherObjectGrowsTheFile) {
   Reopen(kRW);
   kyStream* n = Keep(New("N"));

@@ -1,6 +1,5 @@
-// Stream data on disk and through the API: block and header bytes after each
-// kind of write, in-place growth, header-only blocks, the size limits, reads,
-// seeks, length changes, the size prefix, storages that cannot be written.
+// Stream data: block and header bytes after each kind of write, reads, seeks,
+// length changes, the size prefix, file limits, storages that cannot be written.
 
 #include <unistd.h>
 
@@ -49,8 +48,7 @@ TEST_P(StreamIo, ChainOnDiskAndReadsInTheFileAndInMemory) {
   }
 }
 
-// Overwrites keep the length, truncating writes end the stream there;
-// SetLength only lowers it and Erase empties it, both keeping the blocks.
+// Overwrites keep the length; truncation, SetLength and Erase keep the blocks.
 TEST_P(StreamIo, WritesInsideTheDataAndLengthChanges) {
   WriteThreeBlocks();
   kyStream* a = Must(OpenA(kRW));
@@ -168,8 +166,7 @@ TEST_P(StreamIo, StoragesThatCannotBeWrittenStayAsTheyWere) {
   }
 }
 
-// Without blocks a stream reads nothing until a write appends its first
-// block; a next block is appended, not linked, by its own call.
+// A first block comes with a write; a next one is appended, not linked.
 TEST_P(StreamIo, FirstAndNextBlocksAreAppendedWhole) {
   Make(4096);
   kyStream* a = Keep(New("A"));
@@ -211,8 +208,7 @@ TEST_P(StreamIo, NoBlockGrowsInPlaceRightAfterOpening) {
   EXPECT_EQ(Concat(data, more), Contents(a, 370));
 }
 
-// Folders, and every stream with block size 0, get blocks of the header
-// alone, which grow in place while they end the file.
+// Header-only blocks (folders, block size 0) grow in place at the file's end.
 TEST_P(StreamIo, HeaderOnlyBlocks) {
   WriteThreeBlocks();
   EXPECT_EQ(Block(H() + 4, H() + 4, 0, 0), BlockAt(f1));  // the child count
@@ -233,33 +229,6 @@ TEST_P(StreamIo, HeaderOnlyBlocks) {
   ASSERT_EQ(10, a->Write("0123456789", 10));
   EXPECT_EQ(a1 + H() + 10, Size());
   EXPECT_EQ(Block(H() + 10, H() + 10, 0, 0), BlockAt(a1));
-}
-
-// Under a lowered file limit a first block is appended regardless but does
-// not grow, a next one is refused; one just past the limit is filled up to it.
-TEST_P(StreamIo, LoweredFileLimit) {
-  if (!B64()) GTEST_SKIP() << "the 32-bit limit is fixed by the offsets";
-  Make(16);
-  kyStream* a = Keep(New("A"));
-  auto b = Hold(New("B"));
-  const int64_t a1 = Size();
-  const int64_t normal = kyStorage::g_iMaxTolvarSize;
-  kyStorage::g_iMaxTolvarSize = 100;  // far below the file's size
-  EXPECT_EQ(0, a->Write("abc", 3));
-  EXPECT_EQ(a1 + H() + 16, Size());
-  const Bytes before = ReadAll(path);
-  EXPECT_EQ(0, kyTestAccess::AllocateNextBlock(a, a1));
-  EXPECT_EQ(before, ReadAll(path));
-  kyStorage::g_iMaxTolvarSize = normal;
-  ASSERT_EQ(16, a->Write(data.data(), 16));
-  ASSERT_EQ(1, b->Write("b", 1));
-  const int64_t a2 = Size();
-  kyStorage::g_iMaxTolvarSize = a2 + H() + 5;
-  ASSERT_EQ(0, a->Seek(0, 1));
-  EXPECT_EQ(5, a->Write(data.data(), 100));
-  EXPECT_EQ(a2 + H() + 16, Size());
-  EXPECT_EQ(0, a->Write("z", 1));
-  EXPECT_EQ(21, a->GetLength());
 }
 
 // The default file limits on sparse files: 2^32-1 (32-bit), 2^32 (64-bit).

@@ -1,5 +1,4 @@
-// Changing the tree: removing and renaming streams, copying a stream's data
-// or a folder's tree over a destination in the same or another storage.
+// Changing the tree: removals, renames, copies of streams and folders.
 
 #include <unistd.h>
 
@@ -54,8 +53,7 @@ class TreeEdit : public FolderTest {
   }
 };
 
-// Removing a folder zeroes its slot and every slot below but for magic and
-// chain; the file keeps its size and the data their bytes.
+// A removed folder's slots, and all below, keep only magic and chain.
 TEST_P(TreeEdit, RemovingAFolderFreesEverySlotBelowIt) {
   kyStream* r = Root("R");
   Child(r, "F", 1);
@@ -90,8 +88,7 @@ TEST_P(TreeEdit, RemovingAFolderFreesEverySlotBelowIt) {
   EXPECT_EQ(nullptr, storage->OpenStream("R", RO));
 }
 
-// Remove and Rename refuse, changing nothing, without the write bit, while
-// another object of the stream or below it is open, and for empty names.
+// Refused untouched: no write bit, another object open on or below, no name.
 TEST_P(TreeEdit, RemoveAndRenameRefuseWhileOthersHoldTheStream) {
   {
     auto r = Hold(Root("R"));
@@ -162,8 +159,7 @@ TEST_P(TreeEdit, CopyStreamOverAnotherStream) {
   EXPECT_EQ(std::string(20, 'B'), Text(same));
 }
 
-// Same kind overwritten, other kind replaced, destination-only children
-// stay; copies get duration 0, empty folders too.
+// Same kind overwritten, other kind replaced, the destination's own stay.
 TEST_P(TreeEdit, CopyFolderMergesIntoTheDestination) {
   const Tree source = {{"S/a", "short"},
                        {"S/f/x", std::string(300, 'x')},
@@ -201,8 +197,7 @@ TEST_P(TreeEdit, CopyFolderMergesIntoTheDestination) {
   }
 }
 
-// A copy into the folder itself or below is refused, through any object or
-// any name of the file (device and inode, also loaded into memory).
+// A copy into itself or below is refused, whatever name reaches the file.
 TEST_P(TreeEdit, CopyFolderIntoItselfOrBelowIsRefused) {
   {
     auto s = Hold(Root("S"));
@@ -235,8 +230,7 @@ TEST_P(TreeEdit, CopyFolderIntoItselfOrBelowIsRefused) {
   EXPECT_EQ("x", Text(OpenIn(t, "x")));
 }
 
-// A walk stopped by a damaged slot is not the end: the copy fails after
-// copying what came before.
+// A walk stopped by a damaged slot is not the end: the copy fails.
 TEST_P(TreeEdit, AWalkStoppedByADamagedSlotFailsTheCopy) {
   int64_t damaged = 0;
   {
