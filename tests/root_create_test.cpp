@@ -1,6 +1,4 @@
-// Creating root streams: slot choice, bytes of new headers and directory
-// blocks, refusals that leave the file alone, and directory links that every
-// walk of the chain refuses.
+// Creating root streams: slots, header and directory bytes, refusals, bad links.
 
 #include <cstring>
 #include <string>
@@ -119,8 +117,7 @@ TEST_P(RootCreateTest, SecondDirectoryBlockAfterFiftyEightStreams) {
   }
 }
 
-// A data block that ended the file must not grow in place over a directory
-// block appended behind it.
+// A data block must not grow in place over a directory block appended after it.
 TEST_P(RootCreateTest, NewDirectoryBlockStopsInPlaceGrowth) {
   Make();
   auto a = Hold(New("a"));
@@ -150,37 +147,6 @@ TEST_P(RootCreateTest, FreedSlotReuse) {
   EXPECT_EQ(4, now[0]);
   EXPECT_GT(now[2], old[2]);  // a fresh block at the end of the file
   EXPECT_EQ(now[2], now[1]);
-}
-
-TEST_P(RootCreateTest, OpenFastLooksForTheNameOnDisk) {
-  Make();
-  FillOrdinary(59);  // o58 lies in the second block
-  Add("fast", 0, true);
-  const Bytes before = ReadAll(path);
-  kyStorage* r = Reopen(kRW, 2);
-  for (const char* taken : {"o0", "o58", "fast"}) {
-    EXPECT_EQ(nullptr, r->CreateStream(taken, kRW)) << taken;
-    EXPECT_EQ(nullptr, r->CreateStreamFast(taken, kRW)) << taken;
-  }
-  EXPECT_EQ(before, ReadAll(path));
-  EXPECT_EQ(Slot(32 + DBS(), 1), HeaderOffset(Hold(New("fresh")).get()));
-  EXPECT_EQ(nullptr, r->CreateStream("fresh", kRW));  // now in the map
-  EXPECT_EQ(Slot(32, 0), HeaderOffset(Hold(Must(r->OpenOrCreateStreamFast("fast", 0))).get()));
-}
-
-TEST_P(RootCreateTest, OpenOrCreate) {
-  kyStorage* s = Make();
-  EXPECT_EQ(-1, Must(s->OpenOrCreateStream("dir", 1))->Release());  // created: not registered
-  kyStream* opened = Must(s->OpenOrCreateStream("dir", 0));
-  EXPECT_TRUE(opened->IsFolder());
-  EXPECT_EQ(kRW, kyTestAccess::OpenMode(opened));
-  EXPECT_EQ(1, opened->Release());
-  kyStream* e = Must(s->OpenOrCreateStreamFast("entry", 0));
-  EXPECT_EQ(Slot(32, 0), HeaderOffset(e));
-  ASSERT_EQ(10, e->Write("0123456789", 10));
-  e->Release();
-  for (int atEnd = 0; atEnd < 2; ++atEnd)
-    EXPECT_EQ(10 * atEnd, Hold(Must(s->OpenOrCreateStreamFast("entry", atEnd)))->GetCurDataPos());
 }
 
 // A directory link is 0 or points forward to a whole block in the file.

@@ -1,5 +1,4 @@
-// The framework map's walk order (the unsorted order of root streams), the
-// sorted walks, and the walk that opens nothing and works out durations.
+// The framework map's walk order, sorted walks, and the durations walk.
 
 #include <string>
 #include <utility>
@@ -37,25 +36,6 @@ TEST(CMapWalkTest, BucketsAscendingNewestFirst) {
   EXPECT_EQ((Names{"\xff\xfe", "beta", "gamma", "delta", "iota", "kappa", "epsilon", "lambda",
                    "caf\xe9", "alpha", "zeta", "eta"}),
             walk());
-}
-
-TEST(CMapSortTest, ViewIndexAndOverwrites) {
-  CMapSort<CString, const char*, int, int> map;
-  EXPECT_EQ(-1, map.Sort(0));
-  for (const char* n : {"b", "a"}) map.SetAt(n, 1);
-  ASSERT_EQ(0, map.Sort(0));
-  map.SetAt("a", 30);  // an overwrite: the view is rebuilt with the new value
-  ASSERT_TRUE(!map.IsSorted() && map.Sort(0) == 0);
-  CString key;
-  int value = 0;
-  ASSERT_TRUE(map.GetSortedAt(0, key, value) && value == 30);
-  EXPECT_FALSE(map.GetSortedAt(-1, key, value) || map.GetSortedAt(2, key, value));
-  for (int start : {1, 2}) {  // runs to -1 after the last pair, leaves outsiders
-    int index = start;
-    map.GetNextSorted(index, key, value);
-    EXPECT_EQ(start == 1 ? -1 : 2, index);
-    EXPECT_STREQ("b", key.GetString());
-  }
 }
 
 typedef std::vector<std::pair<std::string, DWORD>> Durations;
@@ -103,11 +83,6 @@ TEST_P(SortedTest, BothOrdersByteWiseRebuiltAfterChanges) {
   ASSERT_TRUE(storage->RemoveStream("b"));
   EXPECT_EQ(0, storage->IterateSortedStreamsNoOPENS(&it));
   EXPECT_EQ((Names{"B", "B0", "a", "\xe9"}), SortedWalk(0));
-  for (int load = 0; load < 2; ++load) {
-    Reopen(kRO, load);
-    EXPECT_EQ((Names{"B", "B0", "a", "b", "c", "\xe9"}), SortedWalk(0));
-    EXPECT_EQ((Names{"\xe9", "c", "b", "a", "B0", "B"}), SortedWalk(7));
-  }
 }
 
 TEST_P(SortedTest, DurationsFromTimeStamps) {
@@ -134,7 +109,7 @@ TEST_P(SortedTest, DurationsFromTimeStamps) {
   EXPECT_EQ((Durations{{"00015f90", 3600}, {"00000000", 3600}}), Iterate(1));
 }
 
-// Own and fixed durations take precedence; the walk's locators open streams.
+// Own and fixed durations take precedence.
 TEST_P(SortedTest, OwnAndFixedDurationsAndLocators) {
   CIterateSortedStreams it;
   EXPECT_EQ(0, storage->IterateSortedStreamsNoOPENS(&it));
@@ -148,11 +123,6 @@ TEST_P(SortedTest, OwnAndFixedDurationsAndLocators) {
   EXPECT_EQ((Durations{{"00000010", 60}, {"00000030", 60}, {"00000050", 60}, {"name", 60}}),
             Iterate(0, 60));
   EXPECT_EQ(own, (Reopen(kRO, 1), Iterate()));
-  CIterateSortedStreams walk;
-  for (int pos : {1, 2, 3, -1})
-    ASSERT_TRUE(storage->IterateSortedStreamsNoOPENS(&walk) == 1 && walk.iPos == pos);
-  EXPECT_STREQ("name",
-               Hold(Must(storage->OpenStreamByOffset(walk.offset, walk.strName, kRO)))->GetName());
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, SortedTest, ::testing::Bool(), WidthName);

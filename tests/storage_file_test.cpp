@@ -1,6 +1,5 @@
-// Storage files: a new file's bytes, both header forms, refusals that leave
-// the file alone, the name map, the factories, the in-memory load.  Images are
-// made by hand, so that the reader is tested against the format.
+// Storage files, from images made by hand: headers, refusals, the name map,
+// the factories, the in-memory load.
 
 #include <cstring>
 #include <functional>
@@ -179,11 +178,8 @@ TEST_P(StorageFileTest, LoadServesReadsFromMemoryWithTheFileClosed) {
   const int64_t size = static_cast<int64_t>(bytes.size());
   EXPECT_TRUE(size == kyTestAccess::ImageSize(s) && size == kyTestAccess::LastAppended(s));
   ASSERT_EQ(0, _unlink(path.c_str()));  // everything is in memory now
-  const int64_t seeks[][3] = {{size - 1, 0, size - 1},  {size, 0, -1},  // the end from the end only
-                              {-5, 1, size - 6},        {-size, 1, -1}, {0, 2, size},
-                              {size - 10, 0, size - 10}};
-  for (const auto& k : seeks) EXPECT_EQ(k[2], kyTestAccess::SetFilePointer(s, k[0], DWORD(k[1])));
   // A read past the end delivers what is there.
+  ASSERT_EQ(size - 10, kyTestAccess::SetFilePointer(s, size - 10, FILE_BEGIN));
   Bytes chunk(1000);
   long long got = 0;
   ASSERT_TRUE(kyTestAccess::ReadFile(s, chunk.data(), 1000, &got));

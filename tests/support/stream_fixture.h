@@ -151,6 +151,11 @@ class StorageTest : public ::testing::TestWithParam<bool> {
     return out;
   }
   static Bytes Contents(kyStream* s, int64_t n) { return ReadSome(s, n, true); }
+  // CopyStreamToBuffer hands out nothing: 0 and a null buffer.
+  static bool NoCopy(kyStream* s, BOOL skipPrefix = FALSE) {
+    BYTE* buf = reinterpret_cast<BYTE*>(1);
+    return s->CopyStreamToBuffer(buf, skipPrefix) == 0 && buf == nullptr;
+  }
 
   TempDir dir;
   GlobalsGuard globals;

@@ -44,24 +44,12 @@ template <class T>
 void PutLE(Bytes& b, size_t at, T v) {
   memcpy(&b.at(at + sizeof(T) - 1) - (sizeof(T) - 1), &v, sizeof(T));
 }
-inline uint32_t Get32(const Bytes& b, size_t at) {
-  return GetLE<uint32_t>(b, at);
-}
-inline int64_t Get64(const Bytes& b, size_t at) {
-  return GetLE<int64_t>(b, at);
-}
-inline uint16_t Get16(const Bytes& b, size_t at) {
-  return GetLE<uint16_t>(b, at);
-}
-inline void Put32(Bytes& b, size_t at, uint32_t v) {
-  PutLE(b, at, v);
-}
-inline void Put64(Bytes& b, size_t at, int64_t v) {
-  PutLE(b, at, v);
-}
-inline void Put16(Bytes& b, size_t at, uint16_t v) {
-  PutLE(b, at, v);
-}
+inline constexpr auto Get16 = &GetLE<uint16_t>;
+inline constexpr auto Get32 = &GetLE<uint32_t>;
+inline constexpr auto Get64 = &GetLE<int64_t>;
+inline constexpr auto Put16 = &PutLE<uint16_t>;
+inline constexpr auto Put32 = &PutLE<uint32_t>;
+inline constexpr auto Put64 = &PutLE<int64_t>;
 
 // Restores the three global settings when a test ends.
 class GlobalsGuard {
