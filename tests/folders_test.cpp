@@ -345,6 +345,22 @@ TEST_P(Folders, OwnReadsDoNotMoveAReadingStream) {
   }
 }
 
+// A creation through a second object of a folder, opened before children
+// were added through the first, neither moves nor cuts the folder's end.
+TEST_P(Folders, SecondObjectKeepsWhatTheFirstAdded) {
+  auto a = Hold(Root("F"));
+  Child(a, "b");
+  auto b = Open("F", RW);  // knows one slot
+  for (const char* n : {"x", "y", "z"}) Child(a, n);
+  for (const char* n : {"x", "y"}) ASSERT_TRUE(OpenIn(a, n, RW).release()->Remove());
+  Child(b, "c");  // into x's slot
+  a.reset();
+  b.reset();
+  auto f = Open("F");
+  EXPECT_EQ(4 + 4 * W(), f->GetLength());
+  EXPECT_EQ(Names({"b", "c", "z"}), ChildNames(f));
+}
+
 INSTANTIATE_TEST_SUITE_P(Widths, Folders, ::testing::Bool(), WidthName);
 
 }  // namespace

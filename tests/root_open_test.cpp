@@ -124,6 +124,15 @@ TEST_P(RootOpenTest, CreatedRootsAndEmptyNamesAreNotRegistered) {
   EXPECT_EQ(0, another->Release());
   EXPECT_EQ(0, empty->Release());
   EXPECT_EQ(nullptr, storage->OpenStreamByOffset(where, nullptr, 0x12));
+  // The creating object holds no open: it may not remove or rename the
+  // stream while another object has it open, and its Release closes nothing.
+  kyStream* made = New("made");
+  kyStream* reader = OpenRoot("made");
+  EXPECT_FALSE(made->Remove());
+  EXPECT_FALSE(made->Rename("other"));
+  EXPECT_EQ(-1, made->Release());
+  EXPECT_NE(nullptr, kyTestAccess::IsStreamOpen(storage, "made"));
+  EXPECT_EQ(1, reader->Release());
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, RootOpenTest, ::testing::Bool(), WidthName);
