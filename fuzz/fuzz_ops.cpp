@@ -1489,7 +1489,10 @@ void OpsFuzzer::RunCopyStream(int src, int dst, bool throughFolderCopy) {
     ModelNode* d = hd.node;
     bool headerChanged = false;
     // The size-prefix mark goes with the data onto a data stream.
-    if ((hd.mode & kModeWrite) != 0 && !d->folder && d->sizeMark != hs.node->sizeMark) {
+    // A destination that cannot be erased (no write access) is not copied
+    // into and keeps its mark.
+    const bool erasable = (hd.mode & kModeWrite) != 0;
+    if (erasable && Writable(hd.store) && !d->folder && d->sizeMark != hs.node->sizeMark) {
       d->sizeMark = hs.node->sizeMark;
       headerChanged = true;
     }
@@ -1498,7 +1501,7 @@ void OpsFuzzer::RunCopyStream(int src, int dst, bool throughFolderCopy) {
       headerChanged = true;
     }
     // A source read from past its start comes short: nothing is written.
-    if (srcLen > 0 && Writable(hd.store) && hs.pos == 0) {
+    if (srcLen > 0 && erasable && Writable(hd.store) && hs.pos == 0) {
       expected = ModelWrite(d, 0, hs.node->data, true, limit_) == srcLen;
       headerChanged = true;
     }
@@ -2511,25 +2514,6 @@ void OpsFuzzer::OpEntries() {
 
 // --- operations: recording and replay -----------------------------------------------
 
-namespace {
-
-// The number of complete records a reader finds from the start.
-int CountRecords(unsigned char* buf, unsigned int len) {
-  if (buf == nullptr || len == 0) return 0;
-  CCompRecorder reader;
-  reader.Attach(buf, len, 0);
-  RecOpEnum op;
-  char name[64];
-  unsigned char* data = nullptr;
-  DWORD n = 0;
-  int count = 0;
-  while (reader.PopOp(&op, name, &data, &n)) ++count;
-  reader.Detach(nullptr);
-  return count;
-}
-
-}  // namespace
-
 // The tree that replaying one of our recordings builds in a fresh storage:
 // the streams its records enter and the values they write.  `ends` is set
 // when the replay is expected to stop early (an enter it cannot follow in
@@ -2703,7 +2687,7 @@ void OpsFuzzer::OpReplay() {
   unsigned char* buf = rec->Detach(&len);
   delete rec;
   CHECK(!wrote || (buf != nullptr && len > 0));
-  const int total = CountRecords(buf, len);
+  const int total = static_cast<int>(CountWholeRecords(buf, len, nullptr));
 
   const std::string path = s.path + ".replay";
   kyStorage::g_bUse64BitOffsets = t.b64 ? 1 : 0;

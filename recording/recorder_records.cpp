@@ -12,6 +12,7 @@
 
 #include <cstring>
 
+#include "kystore/format.h"
 #include "kystore/recorder.h"
 #include "platform/cstring.h"
 
@@ -189,4 +190,22 @@ int CCompRecorder::PopOp(RecOpEnum* op, char* name, unsigned char** data, DWORD*
   } catch (const CString&) {
   }
   return 0;
+}
+
+unsigned int CountWholeRecords(unsigned char* buf, unsigned int size, unsigned int* end) {
+  if (end != nullptr) *end = 0;
+  if (buf == nullptr || size == 0) return 0;
+  CCompRecorder reader;
+  reader.Attach(buf, size, 0);  // borrowed: neither changed nor freed
+  RecOpEnum op;
+  char name[kMaxNameLength + 4];
+  unsigned char* data = nullptr;
+  DWORD n = 0;
+  unsigned int count = 0;
+  while (reader.PopOp(&op, name, &data, &n)) {
+    ++count;
+    if (end != nullptr) *end = reader.GetBufferPos();
+  }
+  reader.Detach(nullptr);
+  return count;
 }

@@ -20,25 +20,6 @@ struct ReplayOptions {
   std::string rec;
 };
 
-// The number of whole records at the start of `buf`, and in `end` the
-// byte where they end (the size of `buf` when all of it is whole).
-unsigned int CountRecords(unsigned char* buf, unsigned int size, unsigned int& end) {
-  CCompRecorder reader;
-  reader.Attach(buf, size, 0);
-  RecOpEnum op;
-  char name[64];
-  unsigned char* data = nullptr;
-  DWORD n = 0;
-  unsigned int count = 0;
-  end = 0;
-  while (reader.PopOp(&op, name, &data, &n)) {
-    ++count;
-    end = reader.GetBufferPos();
-  }
-  reader.Detach(nullptr);
-  return count;
-}
-
 int Replay(const ReplayOptions& opt, unsigned char* buf, unsigned int size, int& applied) {
   OpenedStorage storage(opt.file, true);
   if (!storage) return kExitFailure;
@@ -59,7 +40,7 @@ int RunReplay(const ReplayOptions& opt) {
   });
   if (status != kExitOk) return status;
   unsigned int end = 0;
-  const unsigned int whole = CountRecords(buf.get(), size, end);
+  const unsigned int whole = CountWholeRecords(buf.get(), size, &end);
   int applied = 0;
   // A replay that stops early keeps what it applied, as the library does;
   // the damage is reported and the exit status says so.

@@ -113,4 +113,10 @@ class CCompRecorder {
   unsigned int m_nGrowBy;
 };
 
+// The number of whole records at the start of a recording's `size` bytes,
+// read as PopOp reads them.  When `end` is not null it receives the offset
+// where those records end (`size` when every byte belongs to one).  The
+// buffer is only read.  0 for a null buffer.
+unsigned int CountWholeRecords(unsigned char* buf, unsigned int size, unsigned int* end);
+
 #endif  // KYSTORE_RECORDER_H_

@@ -266,7 +266,8 @@ class kyStream {
   // Erases `dst` and copies this stream's data from its cursor into it,
   // with the size-prefix mark (set on `dst` when this stream has it, cleared
   // otherwise; a folder `dst` keeps its flags).  False for an empty source, for `dst` being this
-  // same stream, or when a read or write comes short (`dst` then holds what was copied).
+  // same stream, for a `dst` that cannot be erased (no write access; it is left as it was), or
+  // when a read or write comes short (`dst` then holds what was copied).
   bool CopyStream(kyStream* dst);
   // Copies this folder's children into `dst` (of any storage), merging:
   // children of the same kind are overwritten, of the other kind replaced.
