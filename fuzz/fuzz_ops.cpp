@@ -708,6 +708,10 @@ void OpsFuzzer::CheckData(kyStream* s, const ModelNode* n) {
     CHECK(s->Read(buf_.data(), 1) == 0);
     return;
   }
+  // An empty stream whose block ends the file cannot seek to its start in a
+  // storage loaded into memory (no position may stand at the image's end);
+  // it holds nothing to compare.
+  if (len == 0) return;
   CHECK(s->Seek(0, 0, true) == 0);
   CHECK(s->Read(buf_.data(), len) == len);
   CHECK(memcmp(buf_.data(), n->data.data(), static_cast<size_t>(len)) == 0);

@@ -86,12 +86,15 @@ bool kyStorage::ReplayRecord(int op, const char* name, unsigned char* data, DWOR
     case RecOpRemove:
       ReplayRemove(name, entered, depth);
       return true;
+    // A folder's data are its child table, which only the library writes:
+    // a write or append into a folder (possible only in a buffer not made
+    // by the recorder) ends the replay like a malformed record.
     case RecOpWrite:
-      if (top == nullptr) return false;
+      if (top == nullptr || top->IsFolder()) return false;
       ReplayWrite(top, name, data, n);
       return true;
     case RecOpAppend:
-      if (top == nullptr) return false;
+      if (top == nullptr || top->IsFolder()) return false;
       ReplayAppend(top, data, n, name[0] != '0', m_bUse64BitOffsets != 0);
       return true;
   }

@@ -23,10 +23,13 @@ using Setter = int (C::*)(const char*, T);
 template <class C, class T>
 using Getter = T (C::*)(const char*, T);
 
+// The casts are ill-formed, and the test does not compile, when no overload
+// takes exactly T.
 template <class C, class T>
 constexpr bool HasExactPair() {
-  return static_cast<Setter<C, T>>(&C::SetEntry) != nullptr &&
-         static_cast<Getter<C, T>>(&C::GetEntry) != nullptr;
+  using S = decltype(static_cast<Setter<C, T>>(&C::SetEntry));
+  using G = decltype(static_cast<Getter<C, T>>(&C::GetEntry));
+  return std::is_same<S, Setter<C, T>>::value && std::is_same<G, Getter<C, T>>::value;
 }
 
 template <class C>

@@ -211,7 +211,8 @@ class kyStorage {
   // storage, in order, and returns how many were applied.  The replay ends
   // at the end of the buffer, at a record cut short or malformed, at an
   // enter that cannot open or create its stream (or would nest more than 32
-  // streams deep), and at a leave, write or append with no stream entered;
+  // streams deep), at a leave, write or append with no stream entered, and at
+  // a write or append into a folder (its child table is the library's);
   // that record is not counted.  A removal of a missing stream counts and
   // changes nothing; failed writes count too.  The changes made stay.  The
   // buffer is only read: neither copied, changed nor freed.  Every stream
