@@ -48,8 +48,11 @@ void Describe(kyStream* s, int depth, std::string* out) {
   if (!s->IsFolder()) {
     if (len == 0) return;  // a stream without blocks refuses seeks
     CHECK(s->Seek(0, 0, true) == 0);
-    std::vector<char> buf(static_cast<size_t>(len) + 1);
-    CHECK(s->Read(buf.data(), len + 1) == len);
+    // Exactly the length: an erasing write shortens the stream inside its
+    // first blocks, and a read past the length goes on into the old bytes
+    // of the blocks still linked behind.
+    std::vector<char> buf(static_cast<size_t>(len));
+    CHECK(s->Read(buf.data(), len) == len);
     out->append(buf.data(), static_cast<size_t>(len));
     out->push_back('\n');
     return;
