@@ -8,6 +8,7 @@
 #include "container/admission.h"
 #include "hierarchy/child_slots.h"
 #include "kystore/storage.h"
+#include "container/directory.h"
 #include "kystore/stream.h"
 
 bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOffset& offset) {
@@ -38,8 +39,10 @@ bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOff
 
 kyStream* kyStream::OpenStream(const char* name, DWORD dwMode) {
   // An empty name would open a free slot, whose blocks the next creation
-  // takes over; nothing written through such an object would last.
-  if (m_hdr.Flags() != kFolderFlag || name == nullptr || name[0] == '\0') return nullptr;
+  // takes over; nothing written through such an object would last.  A name
+  // longer than any slot holds matches none: it is refused before the scan,
+  // whose reads would move the shared file position for nothing.
+  if (m_hdr.Flags() != kFolderFlag || !IsValidStreamName(name)) return nullptr;
   t_kyStreamU header;
   tag_kyStreamOffset offset;
   memset(&header, 0, sizeof(header));
