@@ -283,6 +283,7 @@ class OpsFuzzer {
   bool Positioned(int hi) const;
   void Own(int hi) { stores_[handles_[hi].store].owner = hi; }
   void Reposition(int hi, long long target);
+  bool StoppedAtImageEnd(int hi);
   void EnsureReady(int hi);
 
   // Model helpers that mirror what the library does.
@@ -564,10 +565,38 @@ void OpsFuzzer::Reposition(int hi, long long target) {
     h.pos = 0;
     return;
   }
+  // Forms 1 and 3 pass through the end of the data on their way.
+  const bool viaEnd = form == 1 || form == 3 || target == len;
+  if (r == -1 && viaEnd && StoppedAtImageEnd(hi))
+    r = target == len ? 0 : h.s->Seek(target, 0, true);
   CHECK(r == 0);
   h.pos = target;
   h.fresh = false;
   Own(hi);
+}
+
+// A storage loaded into memory lets no position stand at the image's very
+// end.  When a stream's data ends the image, a seek that ends at the end of
+// the data, or starts from there, fails although the bytes are there.  True
+// when that is the case here; the handle's cursor then stands at the end of
+// the data, put there by reading the last byte.  An empty stream whose block
+// ends the image has no byte to read: it is taken as such.
+bool OpsFuzzer::StoppedAtImageEnd(int hi) {
+  Handle& h = handles_[hi];
+  if (!InMemory(h.store) || !h.node->hasBlocks) return false;
+  const long long len = h.node->Length();
+  Trace("  h%d: seek failed at the end of the data; does it end the image?", hi);
+  if (len > 0) {
+    char last;
+    if (h.s->Seek(len - 1, 0, true) != 0 || h.s->Read(&last, 1) != 1) return false;
+    if (last != h.node->data[static_cast<size_t>(len - 1)]) return false;
+    if (kyTestAccess::MemPos(h.s) != kyTestAccess::ImageSize(stores_[h.store].st)) return false;
+  }
+  h.pos = len;
+  h.posKnown = true;
+  h.fresh = false;
+  Own(hi);
+  return true;
 }
 
 void OpsFuzzer::EnsureReady(int hi) {
@@ -727,13 +756,12 @@ void OpsFuzzer::VerifyHandle(int hi) {
   CheckData(h.s, h.node);
   if (!h.node->hasBlocks) return;
   h.fresh = false;
-  if (h.posKnown) {
-    CHECK(h.s->Seek(h.pos, 0, true) == 0);
-  } else {
+  if (!h.posKnown) {
     h.pos = h.node->Length();
     h.posKnown = true;
-    CHECK(h.s->Seek(h.pos, 0, true) == 0);
   }
+  const bool atEnd = h.pos == h.node->Length();
+  CHECK(h.s->Seek(h.pos, 0, true) == 0 || (atEnd && StoppedAtImageEnd(hi)));
   Own(hi);
 }
 
@@ -1195,6 +1223,7 @@ void OpsFuzzer::OpSeek() {
   enum Outcome { kMoves, kFails, kStill, kEither } outcome = kMoves;
   long long target = -1;  // -1: the position after the seek is not known
   long long r = 0;
+  bool fromEnd = false;  // the seek starts from the end of the data
   switch (form) {
     case 0: {
       target = in_.UpTo(len);
@@ -1208,6 +1237,7 @@ void OpsFuzzer::OpSeek() {
     case 2: {
       const long long d = in_.UpTo(len + 3);
       r = h.s->Seek(d, 1, true);
+      fromEnd = true;
       if (n->endKnown) target = std::max<long long>(0, len - d);
       break;
     }
@@ -1242,6 +1272,7 @@ void OpsFuzzer::OpSeek() {
       } else {
         const long long d = 1 + in_.UpTo(len + 3);
         r = h.s->Seek2(-d, 0);
+        fromEnd = true;
         if (n->endKnown) target = std::max<long long>(0, len - d);
       }
       break;
@@ -1266,6 +1297,7 @@ void OpsFuzzer::OpSeek() {
       switch (in_.Below(6)) {
         case 0:
           r = h.s->Seek(INT64_MAX, 1, true);
+          fromEnd = true;
           target = 0;
           break;
         case 1:
@@ -1315,6 +1347,10 @@ void OpsFuzzer::OpSeek() {
     else
       Own(hi);
     return;
+  }
+  if (r == -1 && (fromEnd || target == len) && StoppedAtImageEnd(hi)) {
+    if (target < 0 || target == len) return;
+    r = h.s->Seek(target, 0, true);
   }
   CHECK(r == 0);
   h.fresh = false;

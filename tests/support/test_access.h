@@ -46,6 +46,7 @@ class kyTestAccess {
   static __int64 CurBlock(kyStream* s) { return s->m_iCurBlock; }
   static __int64 BlockPos(kyStream* s) { return s->m_iBlockPos; }
   static __int64 DataPos(kyStream* s) { return s->m_iDataPos; }
+  static __int64 MemPos(kyStream* s) { return s->m_memPos; }
   static t_kyChildMap* PreloadMap(kyStream* s) { return s->m_pPreloadMap; }
   static t_OpenStreamList& Children(kyStream* s) { return s->m_openChildren; }
   static __int64 AllocateNextBlock(kyStream* s, __int64 prev) { return s->AllocateNextBlock(prev); }
