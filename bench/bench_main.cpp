@@ -2,6 +2,7 @@
 // directory that held their files.
 
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
 #include <cstdlib>
 #include <string>
@@ -10,6 +11,9 @@
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
+  // The report names the SQLite that was measured, not the one installed
+  // when it is read.
+  benchmark::AddCustomContext("sqlite_version", sqlite3_libversion());
   benchmark::AddCustomContext("scale_divisor", std::to_string(ScaleDivisor()));
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
