@@ -3,7 +3,9 @@
 #   make test      build and run every test
 #   make sanitize  the tests under AddressSanitizer and UndefinedBehaviorSanitizer
 #   make fuzz      build the libFuzzer targets and run each for FUZZ_TIME seconds
-#   make bench     build and run the benchmarks (writes docs/PERFORMANCE.md)
+#   make bench     build and run the benchmarks (writes docs/PERFORMANCE.md);
+#                  BENCH_ARGS=--benchmark_filter=... picks some, KYSTORE_BENCH_SCALE=small
+#                  divides every size by 10
 #   make install PREFIX=/usr/local
 #   make deps      install the Debian packages the build needs
 
@@ -12,6 +14,7 @@ PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_TIME  ?= 60
 FUZZ_TARGETS ?= fuzz_open fuzz_popop fuzz_ops fuzz_replay
+BENCH_ARGS ?=
 CMAKE      ?= cmake
 
 .PHONY: all deps check-deps configure build demo test sanitize fuzz bench install format clean
@@ -63,7 +66,7 @@ bench: check-deps
 	$(CMAKE) -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DKYSTORE_BUILD_BENCH=ON \
 	  -DKYSTORE_BUILD_TESTS=OFF >/dev/null
 	$(CMAKE) --build $(BUILD)-bench -j $(JOBS)
-	scripts/bench.sh $(BUILD)-bench
+	scripts/bench.sh $(BUILD)-bench $(BENCH_ARGS)
 
 install: build
 	$(CMAKE) --install $(BUILD) --prefix $(PREFIX)

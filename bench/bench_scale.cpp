@@ -156,19 +156,24 @@ void SelectAll(SqliteTable& db, int64_t parent, const std::string& name) {
 // --- memory ----------------------------------------------------------------
 
 // Heap and resident figures of what was opened since `heapBefore` and
-// `residentBefore` were taken, for n streams of 8-character names.  "Beyond
-// the names" takes each name's 9 bytes (with its terminator) off: what is
-// left is what the engine spends to find, order and describe a stream (0
-// when less than the names is held: the names are not kept in memory).
-void MemoryCounters(benchmark::State& state, int64_t n, int64_t heapBefore,
-                    int64_t residentBefore) {
-  const int64_t held = HeapInUse() - heapBefore;
-  const int64_t beyondNames = held > n * 9 ? held - n * 9 : 0;
-  state.counters["heap_bytes"] = static_cast<double>(held);
-  state.counters["heap_per_stream"] = static_cast<double>(held) / n;
-  state.counters["heap_per_stream_beyond_names"] = static_cast<double>(beyondNames) / n;
+// `residentBefore` were taken.
+void MemoryCounters(benchmark::State& state, int64_t heapBefore, int64_t residentBefore) {
+  state.counters["heap_bytes"] = static_cast<double>(HeapInUse() - heapBefore);
   state.counters["peak_rss_bytes"] = static_cast<double>(ResidentPeak());
   state.counters["rss_growth_bytes"] = static_cast<double>(ResidentPeak() - residentBefore);
+}
+
+// The same per stream, for n streams of 8-character names.  "Beyond the
+// names" takes each name's 9 bytes (with its terminator) off: what is left
+// is what the engine spends to find, order and describe a stream (0 when
+// less than the names is held: the names are not kept in memory).
+void MemoryCountersPerStream(benchmark::State& state, int64_t n, int64_t heapBefore,
+                             int64_t residentBefore) {
+  MemoryCounters(state, heapBefore, residentBefore);
+  const double held = state.counters["heap_bytes"];
+  const double names = static_cast<double>(n) * 9;
+  state.counters["heap_per_stream"] = held / n;
+  state.counters["heap_per_stream_beyond_names"] = held > names ? (held - names) / n : 0;
 }
 
 // --- workloads ---------------------------------------------------------------
@@ -223,7 +228,7 @@ void BM_OpenReadOneKystore(benchmark::State& state) {
   if (s == nullptr) abort();
   // A lookup first, so that whatever is built on demand is counted too.
   ReadAll(s->OpenStream(name.c_str(), 0x12));
-  MemoryCounters(state, n, heap, resident);
+  MemoryCountersPerStream(state, n, heap, resident);
   s->Release();
 }
 
@@ -240,7 +245,7 @@ void BM_OpenReadOneSqlite(benchmark::State& state) {
   const int64_t heap = HeapInUse();
   SqliteTable db(path, false);
   SelectAll(db, 0, name);
-  MemoryCounters(state, n, heap, resident);
+  MemoryCounters(state, heap, resident);
 }
 
 void BM_LookupRootKystore(benchmark::State& state) {
@@ -284,7 +289,7 @@ void BM_LookupChildKystore(benchmark::State& state) {
   for (auto _ : state) {
     for (int64_t i : order) ReadAll(folder->OpenStream(names[i].c_str(), 0x12));
   }
-  MemoryCounters(state, n, heap, resident);
+  MemoryCountersPerStream(state, n, heap, resident);
   folder->Release();
   s->Release();
   state.SetItemsProcessed(state.iterations() * order.size());
