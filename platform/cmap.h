@@ -7,6 +7,12 @@
 // bucket, the most recently inserted key first.  Overwriting a key keeps its
 // place; removing it and inserting it again puts it at the front of its
 // bucket.
+//
+// Those 17 buckets never grow, so a map of N keys would search N/17 of them
+// per lookup.  Beside the buckets each map keeps a lookup index that grows
+// with it (Fibonacci hashing of the same key hash over a power-of-two
+// table).  The index answers Lookup, insertion and RemoveKey; the buckets
+// alone decide the walk order, which stays the framework's.
 #ifndef KYSTORE_PLATFORM_CMAP_H_
 #define KYSTORE_PLATFORM_CMAP_H_
 
@@ -40,7 +46,9 @@ inline bool CompareElements(const CString* a, const CString* b) {
 template <class KEY, class ARG_KEY, class VALUE, class ARG_VALUE>
 class CMap : public CObject {
   struct Assoc {
-    Assoc* next;
+    Assoc* next;       // the walk's bucket chain
+    Assoc* prev;       // the same chain backwards, for removal in place
+    Assoc* indexNext;  // the lookup index's chain
     UINT hash;
     KEY key;
     VALUE value;
@@ -80,26 +88,33 @@ class CMap : public CObject {
     Assoc* a = Find(key);
     if (a) return a->value;
     if (m_table.empty()) m_table.assign(m_tableSize, nullptr);
-    UINT h = HashKey(key);
+    if (static_cast<size_t>(m_count) + 1 > m_index.size()) GrowIndex();
+    const UINT h = HashKey(key);
     Assoc*& bucket = m_table[h % m_tableSize];
-    a = new Assoc{bucket, h, KEY(key), VALUE()};
+    a = new Assoc{bucket, nullptr, nullptr, h, KEY(key), VALUE()};
+    if (bucket) bucket->prev = a;
     bucket = a;
+    LinkIntoIndex(a);
     ++m_count;
     return a->value;
   }
   void SetAt(ARG_KEY key, ARG_VALUE value) { (*this)[key] = value; }
 
   bool RemoveKey(ARG_KEY key) {
-    if (m_table.empty()) return false;
-    UINT h = HashKey(key);
-    for (Assoc** link = &m_table[h % m_tableSize]; *link; link = &(*link)->next) {
-      if (CompareElements(&(*link)->key, &key)) {
-        Assoc* dead = *link;
-        *link = dead->next;
-        delete dead;
-        --m_count;
-        return true;
-      }
+    if (m_count == 0) return false;
+    const UINT h = HashKey(key);
+    for (Assoc** link = &m_index[IndexSlot(h)]; *link; link = &(*link)->indexNext) {
+      Assoc* dead = *link;
+      if (dead->hash != h || !CompareElements(&dead->key, &key)) continue;
+      *link = dead->indexNext;
+      if (dead->prev)
+        dead->prev->next = dead->next;
+      else
+        m_table[h % m_tableSize] = dead->next;
+      if (dead->next) dead->next->prev = dead->prev;
+      delete dead;
+      --m_count;
+      return true;
     }
     return false;
   }
@@ -113,6 +128,8 @@ class CMap : public CObject {
       }
     }
     m_table.clear();
+    m_index.clear();
+    m_indexBits = 0;
     m_count = 0;
   }
 
@@ -136,10 +153,26 @@ class CMap : public CObject {
 
  private:
   static POSITION Pos(const Assoc* a) { return reinterpret_cast<POSITION>(const_cast<Assoc*>(a)); }
+  size_t IndexSlot(UINT hash) const {
+    return m_indexBits == 0 ? 0 : static_cast<size_t>((hash * 0x9E3779B1u) >> (32 - m_indexBits));
+  }
+  void LinkIntoIndex(Assoc* a) {
+    Assoc*& slot = m_index[IndexSlot(a->hash)];
+    a->indexNext = slot;
+    slot = a;
+  }
+  // Doubles the index (at least 16 slots) and rehashes every key into it.
+  void GrowIndex() {
+    m_indexBits = m_indexBits < 4 ? 4 : m_indexBits + 1;
+    m_index.assign(size_t{1} << m_indexBits, nullptr);
+    for (Assoc* bucket : m_table)
+      for (Assoc* a = bucket; a; a = a->next) LinkIntoIndex(a);
+  }
   Assoc* Find(ARG_KEY key) const {
-    if (m_table.empty()) return nullptr;
-    for (Assoc* a = m_table[HashKey(key) % m_tableSize]; a; a = a->next)
-      if (CompareElements(&a->key, &key)) return a;
+    if (m_count == 0) return nullptr;
+    const UINT h = HashKey(key);
+    for (Assoc* a = m_index[IndexSlot(h)]; a; a = a->indexNext)
+      if (a->hash == h && CompareElements(&a->key, &key)) return a;
     return nullptr;
   }
   Assoc* FirstFrom(UINT bucket) const {
@@ -151,8 +184,10 @@ class CMap : public CObject {
     return a->next ? a->next : FirstFrom(a->hash % m_tableSize + 1);
   }
 
-  std::vector<Assoc*> m_table;
+  std::vector<Assoc*> m_table;  // the framework's buckets: the walk order
   UINT m_tableSize = 17;
+  std::vector<Assoc*> m_index;  // the lookup index: 2^m_indexBits chains
+  int m_indexBits = 0;
   int m_count = 0;
 };
 

@@ -1,5 +1,6 @@
 // The framework map's walk order, sorted walks, and the durations walk.
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,6 +37,37 @@ TEST(CMapWalkTest, BucketsAscendingNewestFirst) {
   EXPECT_EQ((Names{"\xff\xfe", "beta", "gamma", "delta", "iota", "kappa", "epsilon", "lambda",
                    "caf\xe9", "alpha", "zeta", "eta"}),
             walk());
+}
+
+// The lookup index beside the buckets grows with the map: thousands of
+// keys, removed and inserted again, still walk as 17 framework buckets do
+// (kept here as plain lists, newest first) and are all found.
+TEST(CMapWalkTest, LargeMapWalksAsTheBucketsAndFindsEveryKey) {
+  CMap<CString, const char*, int, int> map;
+  std::vector<Names> buckets(17);
+  auto insert = [&](const std::string& k) {
+    map[k.c_str()] = static_cast<int>(k.size());
+    Names& b = buckets[HashKey(k.c_str()) % 17];
+    b.insert(b.begin(), k);
+  };
+  auto remove = [&](const std::string& k) {
+    ASSERT_TRUE(map.RemoveKey(k.c_str()));
+    Names& b = buckets[HashKey(k.c_str()) % 17];
+    b.erase(std::find(b.begin(), b.end(), k));
+  };
+  for (int i = 0; i < 3000; ++i) insert("s" + std::to_string(i * 7919 % 100003));
+  for (int i = 0; i < 3000; i += 3) remove("s" + std::to_string(i * 7919 % 100003));
+  for (int i = 0; i < 3000; i += 6) insert("s" + std::to_string(i * 7919 % 100003));
+  Names expected, walked;
+  for (const Names& b : buckets) expected.insert(expected.end(), b.begin(), b.end());
+  CString key;
+  int value;
+  for (POSITION pos = map.GetStartPosition(); pos != nullptr; walked.push_back(key.GetString()))
+    map.GetNextAssoc(pos, key, value);
+  EXPECT_EQ(expected, walked);
+  for (const std::string& k : expected) EXPECT_TRUE(map.Lookup(k.c_str(), value)) << k;
+  EXPECT_FALSE(map.Lookup("s1", value));
+  EXPECT_EQ(static_cast<int>(expected.size()), map.GetCount());
 }
 
 typedef std::vector<std::pair<std::string, DWORD>> Durations;
