@@ -6,6 +6,7 @@
 #include <new>
 
 #include "container/directory.h"
+#include "container/file_indexes.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
 #include "kystore/stream.h"
@@ -99,11 +100,13 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
   }
 
   const bool b64 = m_bUse64BitOffsets != 0;
+  const bool searchFree = !bFast && !bOpenFirst;
+  RootDirectoryIndex* index = m_pIndexes != nullptr ? &m_pIndexes->root : nullptr;
   DirectoryBlock block;
   __int64 blockOffset = 0;
-  __int64 first = bFast ? 0 : m_wFastSlots;
-  for (bool appended = false;; first = 0) {
-    const int step = NextDirectoryBlock(blockOffset, block);
+  size_t position = 0;
+  int step = StartFreeSlotSearch(!searchFree, blockOffset, block, position);
+  for (bool appended = false;; ++position) {
     if (step < 0) return nullptr;
     if (step == 0) {
       // Every slot of the chain is taken: a new block joins it.  Should the
@@ -114,6 +117,8 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
       blockOffset = added;
       appended = true;
     }
+    if (index != nullptr) index->BlockAt(position, blockOffset);
+    const __int64 first = position == 0 && !bFast ? m_wFastSlots : 0;
     __int64 end = UsableSlots(block);
     if (bFast && end > m_wFastSlots) end = m_wFastSlots;
     for (__int64 i = first; i < end; ++i) {
@@ -128,8 +133,27 @@ kyStream* kyStorage::CreateStreamHelper(const char* name, DWORD dwType, DWORD mo
       return CreateInSlot(name, dwType, mode, blockOffset, block, i);
     }
     // The fast area never grows, and opening the first slot never writes.
-    if (bFast || bOpenFirst) return nullptr;
+    if (!searchFree) return nullptr;
+    if (index != nullptr) index->BlockFull(position);
+    step = NextDirectoryBlock(blockOffset, block);
   }
+}
+
+// A search for a free ordinary slot starts at the first block that may
+// still hold one, as far as this process knows, rather than at the first
+// block of the chain; other searches, and a block that no longer reads as
+// one, start at the first.
+int kyStorage::StartFreeSlotSearch(bool bFromFirst, __int64& blockOffset, DirectoryBlock& block,
+                                   size_t& position) {
+  RootDirectoryIndex* index = m_pIndexes != nullptr ? &m_pIndexes->root : nullptr;
+  if (!bFromFirst && index != nullptr && !kyFileIndexes::Bypassed() &&
+      index->SearchStart(position, blockOffset)) {
+    if (ReadDirectoryBlock(blockOffset, block)) return 1;
+    index->Forget();
+  }
+  position = 0;
+  blockOffset = 0;
+  return NextDirectoryBlock(blockOffset, block) > 0 ? 1 : -1;
 }
 
 // Writes the header of new stream `name` into free slot `index` of the

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "container/directory.h"
+#include "container/file_indexes.h"
 #include "container/file_access.h"
 #include "kystore/recorder.h"
 #include "kystore/storage.h"
@@ -72,6 +73,7 @@ kyStorage::kyStorage(const char* path, HANDLE hFile, DWORD mode, int bLoadIntoMe
     m_fileDevice = id.device;
     m_fileInode = id.inode;
     m_bKnownFile = TRUE;
+    m_pIndexes = kyFileIndexes::Attach(id.device, id.inode);
   }
   if (bLoadIntoMemory && !(mode & kModeWrite)) LoadIntoMemory();
   __int64 end = SetFilePointer(m_hFile, 0, FILE_END);
@@ -103,6 +105,7 @@ void kyStorage::LoadIntoMemory() {
 }
 
 kyStorage::~kyStorage() {
+  kyFileIndexes::Detach(m_pIndexes);
   if (m_pImage) GlobalFree(m_pImage);
   delete m_pRecorder;
   m_streamMap.RemoveAll();
@@ -164,6 +167,8 @@ kyStorage* kyStorage::Create(const char* path, DWORD mode, DWORD blockSize) {
     _unlink(path);
     return nullptr;
   }
+  // The file was truncated: what other objects over it knew is gone.
+  if (s->m_pIndexes != nullptr) s->m_pIndexes->Forget();
   s->m_bUse64BitOffsets = b64 ? 1 : 0;
   s->m_wSlotsPerBlock = kSlotsPerBlock;
   s->m_wFastSlots = kFastSlots;

@@ -45,6 +45,8 @@ class CIterateSortedStreams {
   tag_kyStreamOffset offset = {0, 0, 0, 0};  // out: its locator and duration
 };
 
+class kyFileIndexes;
+
 class kyStorage {
  public:
   // --- factories ---------------------------------------------------------
@@ -345,6 +347,11 @@ class kyStorage {
   kyStream* CreateInSlot(const char* name, DWORD dwType, DWORD mode, __int64 blockOffset,
                          const DirectoryBlock& block, __int64 index);
   __int64 AppendDirectoryBlock(__int64 lastBlock);
+  // Reads the first directory block a search for a free ordinary slot must
+  // look at, and its position in the chain.  Returns 1, or -1 when the
+  // chain cannot be read.
+  int StartFreeSlotSearch(bool bFromFirst, __int64& blockOffset, DirectoryBlock& block,
+                          size_t& position);
 
   // Entries: the root stream of a key opened for a setter (null for a
   // folder, which is released unrecorded), in the fast slots or anywhere.
@@ -380,6 +387,10 @@ class kyStorage {
   ULONGLONG m_fileDevice;
   ULONGLONG m_fileInode;
   BOOL m_bKnownFile;
+  // What walks of this file have learnt, shared with every other storage
+  // object over the same file (container/file_indexes.h); null when the
+  // file's identity is unknown.
+  kyFileIndexes* m_pIndexes = nullptr;
 };
 
 #endif  // KYSTORE_STORAGE_H_

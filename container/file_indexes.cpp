@@ -1,0 +1,95 @@
+// The per-file indexes and the registry that shares them between the
+// storage objects over one file.
+
+#include "container/file_indexes.h"
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace {
+
+typedef std::pair<uint64_t, uint64_t> FileKey;
+
+// Storage objects may be opened and released on different threads, so the
+// registry itself is locked; each set of indexes is used under the same
+// rule as the storage objects that share it.
+std::mutex& RegistryLock() {
+  static std::mutex lock;
+  return lock;
+}
+std::map<FileKey, kyFileIndexes*>& Registry() {
+  static std::map<FileKey, kyFileIndexes*> registry;
+  return registry;
+}
+
+bool g_bypassed = false;
+
+}  // namespace
+
+bool RootDirectoryIndex::SearchStart(size_t& position, __int64& blockOffset) const {
+  if (m_firstMaybeFree == 0 || m_firstMaybeFree >= m_blocks.size()) return false;
+  position = m_firstMaybeFree;
+  blockOffset = m_blocks[m_firstMaybeFree];
+  return true;
+}
+
+void RootDirectoryIndex::BlockAt(size_t position, __int64 blockOffset) {
+  if (position < m_blocks.size() && m_blocks[position] == blockOffset) return;
+  if (position > m_blocks.size()) return;  // a gap: nothing to learn
+  m_blocks.resize(position);
+  m_blocks.push_back(blockOffset);
+  m_firstMaybeFree = std::min(m_firstMaybeFree, position);
+}
+
+void RootDirectoryIndex::BlockFull(size_t position) {
+  if (position == m_firstMaybeFree && position < m_blocks.size()) m_firstMaybeFree = position + 1;
+}
+
+// Blocks are appended at the end of the file and linked forward, so the
+// block holding a slot is the last one that starts at or before it.
+void RootDirectoryIndex::SlotFreed(__int64 slotOffset) {
+  const auto after = std::upper_bound(m_blocks.begin(), m_blocks.end(), slotOffset);
+  const size_t holder =
+      after == m_blocks.begin() ? 0 : static_cast<size_t>(after - m_blocks.begin()) - 1;
+  m_firstMaybeFree = std::min(m_firstMaybeFree, holder);
+}
+
+void RootDirectoryIndex::Forget() {
+  m_blocks.clear();
+  m_firstMaybeFree = 0;
+}
+
+kyFileIndexes* kyFileIndexes::Attach(uint64_t device, uint64_t inode) {
+  std::lock_guard<std::mutex> hold(RegistryLock());
+  kyFileIndexes*& slot = Registry()[FileKey(device, inode)];
+  if (slot == nullptr) slot = new (std::nothrow) kyFileIndexes(device, inode);
+  if (slot == nullptr) {
+    Registry().erase(FileKey(device, inode));
+    return nullptr;
+  }
+  ++slot->m_refs;
+  return slot;
+}
+
+void kyFileIndexes::Detach(kyFileIndexes* indexes) {
+  if (indexes == nullptr) return;
+  std::lock_guard<std::mutex> hold(RegistryLock());
+  if (--indexes->m_refs > 0) return;
+  Registry().erase(FileKey(indexes->m_device, indexes->m_inode));
+  delete indexes;
+}
+
+void kyFileIndexes::Forget() {
+  root.Forget();
+}
+
+void kyFileIndexes::SetBypassed(bool bypassed) {
+  g_bypassed = bypassed;
+}
+
+bool kyFileIndexes::Bypassed() {
+  return g_bypassed;
+}

@@ -1,0 +1,78 @@
+// What the storage objects of this process know about one storage file
+// beyond its bytes, kept once per file and shared by every object over it.
+//
+// Walking a root directory or a folder's slots from the start for every
+// creation or lookup makes many small streams cost quadratic time.  The
+// indexes here remember what earlier walks saw, so that a search can start
+// where its answer must lie.  They only ever shorten a search: the search
+// that follows picks the same slot and appends the same blocks as a walk
+// from the start would, so the file stays byte for byte the same.
+//
+// The file is identified by device and inode, so two storage objects over
+// one file, opened under different paths, share one set of indexes and
+// every change made through either keeps them true.  Changes made by
+// another process are not seen; like every other copy of file state a
+// storage object holds, the indexes assume this process is the only writer.
+//
+// Internal to the library.
+#ifndef KYSTORE_CONTAINER_FILE_INDEXES_H_
+#define KYSTORE_CONTAINER_FILE_INDEXES_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "platform/win_types.h"
+
+// The root directory: the chain's blocks as far as walks of this process
+// have followed them, and the first of them that may still hold a free
+// ordinary slot (every block before it had none when last read, and no
+// slot of it has been freed since).
+class RootDirectoryIndex {
+ public:
+  // Where a search for a free ordinary slot may start: the chain position
+  // and offset of that block.  False when nothing is known: start at the
+  // first block.
+  bool SearchStart(size_t& position, __int64& blockOffset) const;
+  // The walk found block `blockOffset` at `position` of the chain.  A
+  // block other than the one remembered there means the chain is not what
+  // was known: everything from that position on is forgotten.
+  void BlockAt(size_t position, __int64 blockOffset);
+  // Every ordinary slot of the block at `position` was in use.
+  void BlockFull(size_t position);
+  // The slot at file offset `slotOffset` was freed (or may have been).
+  void SlotFreed(__int64 slotOffset);
+  void Forget();
+
+ private:
+  std::vector<__int64> m_blocks;  // chain order, so ascending offsets
+  size_t m_firstMaybeFree = 0;
+};
+
+class kyFileIndexes {
+ public:
+  // The indexes of the file with this identity, created empty for the
+  // first object over it.  Every Attach is paired with one Detach; the last
+  // Detach frees them.  Null when memory runs out: the object then works
+  // without indexes.
+  static kyFileIndexes* Attach(uint64_t device, uint64_t inode);
+  static void Detach(kyFileIndexes* indexes);
+
+  // The file was truncated and written anew: nothing known holds any more.
+  void Forget();
+
+  // Tests compare files written with and without the indexes; with this
+  // set no search starts anywhere but at the beginning.
+  static void SetBypassed(bool bypassed);
+  static bool Bypassed();
+
+  RootDirectoryIndex root;
+
+ private:
+  kyFileIndexes(uint64_t device, uint64_t inode) : m_device(device), m_inode(inode) {}
+  uint64_t m_device;
+  uint64_t m_inode;
+  int m_refs = 0;
+};
+
+#endif  // KYSTORE_CONTAINER_FILE_INDEXES_H_
