@@ -284,6 +284,7 @@ class OpsFuzzer {
   void Own(int hi) { stores_[handles_[hi].store].owner = hi; }
   void Reposition(int hi, long long target);
   bool StoppedAtImageEnd(int hi);
+  bool ChainEndsImage(int hi);
   void EnsureReady(int hi);
 
   // Model helpers that mirror what the library does.
@@ -565,10 +566,9 @@ void OpsFuzzer::Reposition(int hi, long long target) {
     h.pos = 0;
     return;
   }
-  // Forms 1 and 3 pass through the end of the data on their way.
-  const bool viaEnd = form == 1 || form == 3 || target == len;
-  if (r == -1 && viaEnd && StoppedAtImageEnd(hi))
-    r = target == len ? 0 : h.s->Seek(target, 0, true);
+  // Forms 1 and 3 start from the end of the chain.
+  if (r == -1 && (form == 1 || form == 3) && ChainEndsImage(hi)) r = h.s->Seek(target, 0, true);
+  if (r == -1 && target == len && StoppedAtImageEnd(hi)) r = 0;
   CHECK(r == 0);
   h.pos = target;
   h.fresh = false;
@@ -579,24 +579,56 @@ void OpsFuzzer::Reposition(int hi, long long target) {
 // end.  When a stream's data ends the image, a seek that ends at the end of
 // the data, or starts from there, fails although the bytes are there.  True
 // when that is the case here; the handle's cursor then stands at the end of
-// the data, put there by reading the last byte.  An empty stream whose block
-// ends the image has no byte to read: it is taken as such.
+// the data, put there by reading the last byte (an empty stream has none:
+// its first block's header must end the image).
 bool OpsFuzzer::StoppedAtImageEnd(int hi) {
   Handle& h = handles_[hi];
-  if (!InMemory(h.store) || !h.node->hasBlocks) return false;
+  if (!InMemory(h.store) || !h.node->hasBlocks || h.node->folder) return false;
   const long long len = h.node->Length();
+  const long long image = kyTestAccess::ImageSize(stores_[h.store].st);
   Trace("  h%d: seek failed at the end of the data; does it end the image?", hi);
-  if (len > 0) {
+  if (len == 0) {
+    // The data start after the first block's header.
+    const bool b64 = kyTestAccess::Use64(stores_[h.store].st) != 0;
+    if (kyTestAccess::Header(h.s).FirstBlock(b64) + (b64 ? 40 : 20) != image) return false;
+  } else {
     char last;
     if (h.s->Seek(len - 1, 0, true) != 0 || h.s->Read(&last, 1) != 1) return false;
     if (last != h.node->data[static_cast<size_t>(len - 1)]) return false;
-    if (kyTestAccess::MemPos(h.s) != kyTestAccess::ImageSize(stores_[h.store].st)) return false;
+    if (kyTestAccess::MemPos(h.s) != image) return false;
   }
   h.pos = len;
   h.posKnown = true;
   h.fresh = false;
   Own(hi);
   return true;
+}
+
+// A seek from the end starts where the last block's data end, which with
+// a lowered length lies beyond the stream's end: in a storage loaded into
+// memory it fails when that is the image's end.  True when it is.
+bool OpsFuzzer::ChainEndsImage(int hi) {
+  Handle& h = handles_[hi];
+  if (!InMemory(h.store) || !h.node->hasBlocks) return false;
+  const bool b64 = kyTestAccess::Use64(stores_[h.store].st) != 0;
+  const t_kyStreamU& hdr = kyTestAccess::Header(h.s);
+  const long long last = hdr.LastBlock(b64) != 0 ? hdr.LastBlock(b64) : hdr.FirstBlock(b64);
+  // A block header: magic (and a reserved word in 64-bit files), then the
+  // offset-wide end of its used data.
+  unsigned char field[8] = {0};
+  FILE* f = fopen(stores_[h.store].path.c_str(), "rb");
+  CHECK(f != nullptr);
+  const size_t width = b64 ? 8 : 4;
+  const bool read = fseek(f, static_cast<long>(last) + static_cast<long>(width), SEEK_SET) == 0 &&
+                    fread(field, 1, width, f) == width;
+  fclose(f);
+  if (!read) return false;
+  long long usedEnd = 0;
+  memcpy(&usedEnd, field, width);
+  const long long image = kyTestAccess::ImageSize(stores_[h.store].st);
+  Trace("  h%d: seek from the end failed; the chain ends at %lld of %lld", hi, last + usedEnd,
+        image);
+  return last + usedEnd == image;
 }
 
 void OpsFuzzer::EnsureReady(int hi) {
@@ -1348,10 +1380,14 @@ void OpsFuzzer::OpSeek() {
       Own(hi);
     return;
   }
-  if (r == -1 && (fromEnd || target == len) && StoppedAtImageEnd(hi)) {
-    if (target < 0 || target == len) return;
+  if (r == -1 && fromEnd && ChainEndsImage(hi)) {
+    if (target < 0) {
+      Own(hi);  // the cursor stayed where it was
+      return;
+    }
     r = h.s->Seek(target, 0, true);
   }
+  if (r == -1 && target == len && StoppedAtImageEnd(hi)) return;
   CHECK(r == 0);
   h.fresh = false;
   h.posKnown = target >= 0;
