@@ -82,8 +82,72 @@ void kyFileIndexes::Detach(kyFileIndexes* indexes) {
   delete indexes;
 }
 
+bool FolderIndex::AddSlot(__int64 offset, __int64 block, const char* name) {
+  const DWORD index = static_cast<DWORD>(m_slots.size());
+  m_slots.push_back(Slot{offset, block, nullptr});
+  return Name(index, name);
+}
+
+bool FolderIndex::Find(const char* name, DWORD& index) const {
+  const auto it = m_names.find(name);
+  if (it == m_names.end()) return false;
+  index = it->second;
+  return true;
+}
+
+bool FolderIndex::FirstFree(DWORD& index) const {
+  if (m_free.empty()) return false;
+  index = *m_free.begin();
+  return true;
+}
+
+// A folder's blocks are linked forward only, so its slots lie at ascending
+// offsets.
+bool FolderIndex::SlotAt(__int64 offset, DWORD& index) const {
+  const auto it = std::lower_bound(m_slots.begin(), m_slots.end(), offset,
+                                   [](const Slot& s, __int64 o) { return s.offset < o; });
+  if (it == m_slots.end() || it->offset != offset) return false;
+  index = static_cast<DWORD>(it - m_slots.begin());
+  return true;
+}
+
+bool FolderIndex::Name(DWORD index, const char* name) {
+  Slot& slot = m_slots[index];
+  if (slot.name != nullptr) {
+    if (*slot.name == name) return true;
+    m_names.erase(*slot.name);
+    slot.name = nullptr;
+  }
+  if (name[0] == '\0') {
+    m_free.insert(index);
+    return true;
+  }
+  m_free.erase(index);
+  const auto added = m_names.emplace(name, index);
+  if (!added.second) return false;
+  slot.name = &added.first->first;
+  return true;
+}
+
+FolderIndex* kyFileIndexes::Folder(__int64 headerOffset) {
+  const auto it = m_folders.find(headerOffset);
+  return it == m_folders.end() ? nullptr : it->second.get();
+}
+
+FolderIndex* kyFileIndexes::NewFolder(__int64 headerOffset, __int64 firstBlock) {
+  std::unique_ptr<FolderIndex>& slot = m_folders[headerOffset];
+  slot.reset(new (std::nothrow) FolderIndex(firstBlock));
+  if (slot == nullptr) m_folders.erase(headerOffset);
+  return Folder(headerOffset);
+}
+
+void kyFileIndexes::ForgetFolder(__int64 headerOffset) {
+  m_folders.erase(headerOffset);
+}
+
 void kyFileIndexes::Forget() {
   root.Forget();
+  m_folders.clear();
 }
 
 void kyFileIndexes::SetBypassed(bool bypassed) {

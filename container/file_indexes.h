@@ -20,6 +20,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/win_types.h"
@@ -49,6 +53,56 @@ class RootDirectoryIndex {
   size_t m_firstMaybeFree = 0;
 };
 
+// One folder's child slots, as a walk over all of them saw them and the
+// folder's own creations, removals and renames have changed them since:
+// where each slot lies, which name each used slot carries, which slots are
+// free, and where the cursor stands after the last slot.  Built only for a
+// folder whose slots all read whole, with names that are all different.
+class FolderIndex {
+ public:
+  struct Slot {
+    __int64 offset;           // the slot's file offset
+    __int64 block;            // the block holding it whole, or 0 when it straddles two
+    const std::string* name;  // the key in `names`, or null for a free slot
+  };
+  struct Cursor {
+    __int64 block;
+    __int64 blockPos;
+    __int64 dataPos;
+  };
+
+  FolderIndex(__int64 firstBlock) : m_firstBlock(firstBlock) {}
+
+  // Whether the index describes a folder whose chain starts at
+  // `firstBlock` and whose count on disk is `count`.
+  bool Describes(__int64 firstBlock, DWORD count) const {
+    return firstBlock == m_firstBlock && count == m_slots.size();
+  }
+  // Appends the next slot.  False when a used name is already taken: the
+  // index then cannot stand for the folder.
+  bool AddSlot(__int64 offset, __int64 block, const char* name);
+  // The slot of used child `name`.
+  bool Find(const char* name, DWORD& index) const;
+  // The first free slot, in slot order.
+  bool FirstFree(DWORD& index) const;
+  // The slot at file offset `offset`.
+  bool SlotAt(__int64 offset, DWORD& index) const;
+  const Slot& At(DWORD index) const { return m_slots[index]; }
+  // Slot `index` now carries `name` (empty: it is free).  False when the
+  // name is taken by another slot.
+  bool Name(DWORD index, const char* name);
+
+  const Cursor& End() const { return m_end; }
+  void SetEnd(const Cursor& end) { m_end = end; }
+
+ private:
+  __int64 m_firstBlock;
+  std::vector<Slot> m_slots;
+  std::unordered_map<std::string, DWORD> m_names;
+  std::set<DWORD> m_free;
+  Cursor m_end = {0, 0, 0};
+};
+
 class kyFileIndexes {
  public:
   // The indexes of the file with this identity, created empty for the
@@ -68,10 +122,18 @@ class kyFileIndexes {
 
   RootDirectoryIndex root;
 
+  // The index of the folder whose header lies at `headerOffset`, or null.
+  FolderIndex* Folder(__int64 headerOffset);
+  // A fresh, empty index for that folder in place of any old one; null
+  // when memory runs out.
+  FolderIndex* NewFolder(__int64 headerOffset, __int64 firstBlock);
+  void ForgetFolder(__int64 headerOffset);
+
  private:
   kyFileIndexes(uint64_t device, uint64_t inode) : m_device(device), m_inode(inode) {}
   uint64_t m_device;
   uint64_t m_inode;
+  std::unordered_map<__int64, std::unique_ptr<FolderIndex>> m_folders;
   int m_refs = 0;
 };
 

@@ -42,7 +42,10 @@ BOOL kyStorage::ReadFile(HANDLE hFile, void* buf, __int64 count, __int64* pRead,
 
 bool kyStorage::WriteStreamHeader(__int64 offset, t_kyStreamU& header) {
   // Noted before writing: a write that fails half-way may free it too.
-  if (header.IsFree() && m_pIndexes != nullptr) m_pIndexes->root.SlotFreed(offset);
+  if (header.IsFree() && m_pIndexes != nullptr) {
+    m_pIndexes->root.SlotFreed(offset);
+    m_pIndexes->ForgetFolder(offset);
+  }
   if (SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
   const DWORD width = static_cast<DWORD>(StreamHeaderSize(m_bUse64BitOffsets != 0));
   DWORD written = 0;

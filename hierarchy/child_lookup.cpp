@@ -23,6 +23,12 @@ bool kyStream::FindStream(const char* name, t_kyStreamU& header, tag_kyStreamOff
   }
 
   if (!ReadChildCount()) return false;
+  if (name[0] != '\0') {
+    const int indexed = FindStreamIndexed(name, header, offset);
+    if (indexed >= 0) return indexed == 1;
+    // An index that could not answer may have moved the cursor.
+    if (FileIndexes() != nullptr && !ReadChildCount()) return false;
+  }
   offset.blockOffset = 0;
   offset.dwBlockSlots = 0;
   const __int64 w = HeaderWidth();

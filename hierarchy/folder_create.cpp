@@ -19,6 +19,19 @@ void StampChild(t_kyStreamU& header, const char* name, DWORD dwType, bool b64) {
   header.SetLength(b64, 0);
 }
 
+// Marks the folder's writes as its own slot bookkeeping for a scope.
+class SlotWrites {
+ public:
+  explicit SlotWrites(bool& flag) : m_flag(flag), m_was(flag) { m_flag = true; }
+  ~SlotWrites() { m_flag = m_was; }
+  SlotWrites(const SlotWrites&) = delete;
+  SlotWrites& operator=(const SlotWrites&) = delete;
+
+ private:
+  bool& m_flag;
+  const bool m_was;
+};
+
 void StampLocator(tag_kyStreamOffset& offset, DWORD dwType) {
   offset.headerOffset = 0;
   offset.blockOffset = 0;
@@ -35,6 +48,11 @@ bool kyStream::AddStreamHeader(const char* name, DWORD dwType, t_kyStreamU& head
   if (!IsValidStreamName(name)) return false;
   if (!ReadChildCount()) return false;
   const __int64 w = HeaderWidth();
+  SlotWrites writing(m_bWritingSlots);
+  const int indexed = AddStreamHeaderIndexed(name, dwType, header, offset, bReuseFreeSlot);
+  if (indexed >= 0) return indexed == 1;
+  // An index that could not answer may have moved the cursor.
+  if (FileIndexes() != nullptr && !ReadChildCount()) return false;
 
   if (!bReuseFreeSlot) {
     // Straight to the end of the counted slots.  The count, not the
@@ -66,9 +84,14 @@ bool kyStream::AddStreamHeader(const char* name, DWORD dwType, t_kyStreamU& head
 // `header` holds the free slot just read; the cursor stands past it.
 bool kyStream::ReuseFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header,
                              tag_kyStreamOffset& offset) {
+  if (SeekLeft(HeaderWidth(), false) != 0) return false;
+  return WriteFreeSlot(name, dwType, header, offset);
+}
+
+bool kyStream::WriteFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header,
+                             tag_kyStreamOffset& offset) {
   const bool b64 = W64();
   const __int64 w = HeaderWidth();
-  if (SeekLeft(w, false) != 0) return false;
   StampChild(header, name, dwType, b64);
   if (TypeMakesFolder(dwType)) {
     // A data stream takes over the chain the removed stream left here.  A
@@ -125,7 +148,10 @@ kyStream* kyStream::CreateStream(const char* name, DWORD dwType, DWORD dwMode, i
   }
   // The count is rewritten even when the child could not be opened: its
   // slot is in the data either way.
-  if (Seek(0, 0, true) == 0) Write(&m_nChildren, 4, false, nullptr);
+  {
+    SlotWrites writing(m_bWritingSlots);
+    if (Seek(0, 0, true) == 0) Write(&m_nChildren, 4, false, nullptr);
+  }
 
   if (m_pPreloadMap != nullptr) {
     // The open child's header already carries the block its first write

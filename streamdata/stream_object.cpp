@@ -79,6 +79,8 @@ int kyStream::GetChildrenOf(kyStream* pAncestor, kyStream** apChain, int nMax) {
 }
 
 bool kyStream::WriteStreamHeader(__int64 offset, t_kyStreamU& header) {
+  // Noted before writing: a write that fails half-way changes the slot too.
+  NoteChildHeaderWritten(offset, header);
   if (SetFilePointer(m_hFile, offset, FILE_BEGIN) == -1) return false;
   const DWORD width = static_cast<DWORD>(HeaderWidth());
   DWORD written = 0;

@@ -26,6 +26,9 @@ __int64 kyStream::Write(const void* buf, __int64 count, bool bEraseOld, __int64*
   // A storage held in memory has no file to write to.
   if (StorageInMemory()) return 0;
   if (m_pStorage == nullptr) return -1;
+  // Bytes written into a folder's data by anything but its own slot
+  // bookkeeping may change its slots behind its index.
+  if (!m_bWritingSlots && HoldsChildren()) ForgetFolderIndex();
   // A damaged length could end the stream anywhere; writing is refused
   // before anything is written, and Erase makes the stream usable again.
   if (!LengthUsable()) return -1;

@@ -17,7 +17,8 @@ using namespace kytest;
 const DWORD kFolder = 1;
 
 // The changes, drawn from a fixed seed so that both runs make the same
-// calls.  Results are not looked at: a refused call is refused in both runs.
+// calls: every draw is made whatever earlier calls returned, so that a
+// result that differs shows as different bytes, not as another sequence.
 class Sequence {
  public:
   Sequence(const TempDir& dir, bool b64)
@@ -47,12 +48,24 @@ class Sequence {
   std::string Child() { return "c" + std::to_string(Below(300)); }
   std::string FolderName() { return "f" + std::to_string(Below(3)); }
   // Storage object A or, while it is open, B: the same file under another path.
-  kyStorage* Either() { return m_b != nullptr && Below(2) ? m_b : m_a; }
+  kyStorage* Either() { return Below(2) && m_b != nullptr ? m_b : m_a; }
 
   void WriteAndRelease(kyStream* s) {
+    const unsigned size = 100 + Below(50);
+    const std::string data(size, static_cast<char>('a' + Below(26)));
     if (s == nullptr) return;
-    const std::string data(100 + Below(50), static_cast<char>('a' + Below(26)));
-    s->Write(data.data(), static_cast<__int64>(data.size()));
+    // A creation moves the shared file position (the folder writes its
+    // count after the child's): the new stream is positioned first.  A
+    // folder's data are its slots, not written here.
+    if (!s->IsFolder()) {
+      s->Seek(0, 0, true);
+      s->Write(data.data(), static_cast<__int64>(data.size()));
+    }
+    s->Release();
+  }
+  static void Rename(kyStream* s, const std::string& name) {
+    if (s == nullptr) return;
+    s->Rename(name.c_str());
     s->Release();
   }
   static void RemoveOrRelease(kyStream* s) {
@@ -60,7 +73,7 @@ class Sequence {
   }
   // The held folder object or one opened now; `opened` says which.
   kyStream* Folder(bool& opened) {
-    if (m_kept != nullptr && Below(2)) {
+    if (Below(2) && m_kept != nullptr) {
       opened = false;
       return m_kept;
     }
@@ -75,11 +88,9 @@ class Sequence {
     } else if (op < 45) {
       RemoveOrRelease(Either()->OpenStream(Root().c_str(), kRW));
     } else if (op < 50) {
-      kyStream* s = Either()->OpenStream(Root().c_str(), kRW);
-      if (s != nullptr) {
-        s->Rename(Root().c_str());
-        s->Release();
-      }
+      kyStorage* st = Either();
+      const std::string name = Root();
+      Rename(st->OpenStream(name.c_str(), kRW), Root());
     } else if (op < 54) {
       kyStream* src = Either()->OpenStream(Root().c_str(), kRO);
       kyStream* dst = Either()->OpenStream(Root().c_str(), kRW);
@@ -104,22 +115,20 @@ class Sequence {
   void FolderStep(unsigned op) {
     bool opened = false;
     kyStream* f = Folder(opened);
+    const std::string name = Child(), other = Child();
+    const bool childFolder = Below(8) == 0, check = Below(2) != 0;
     if (f == nullptr) return;
     if (op < 75) {
-      WriteAndRelease(f->CreateStream(Child().c_str(), Below(8) == 0 ? kFolder : 0, kRW, 1));
+      WriteAndRelease(f->CreateStream(name.c_str(), childFolder ? kFolder : 0, kRW, 1));
     } else if (op < 85) {
-      RemoveOrRelease(f->OpenStream(Child().c_str(), kRW));
+      RemoveOrRelease(f->OpenStream(name.c_str(), kRW));
     } else if (op < 88) {
-      kyStream* c = f->OpenStream(Child().c_str(), kRW);
-      if (c != nullptr) {
-        c->Rename(Child().c_str());
-        c->Release();
-      }
+      Rename(f->OpenStream(name.c_str(), kRW), other);
     } else if (op < 91) {
       f->PreloadChildren();
-      WriteAndRelease(f->CreateStream(Child().c_str(), 0, kRW, Below(2)));
+      WriteAndRelease(f->CreateStream(name.c_str(), 0, kRW, check));
     } else {
-      WriteAndRelease(f->OpenOrCreateStream(Child().c_str(), 0));
+      WriteAndRelease(f->OpenOrCreateStream(name.c_str(), 0));
     }
     if (opened) f->Release();
   }

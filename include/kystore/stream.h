@@ -26,6 +26,8 @@
 
 class kyStorage;
 class CCompRecorder;
+class kyFileIndexes;
+class FolderIndex;
 
 typedef CMapSort<CString, const char*, t_kyStreamWithOffset, t_kyStreamWithOffset> t_kyChildMap;
 
@@ -312,6 +314,9 @@ class kyStream {
   // made by root creation, and opens of an empty name, hold none; their
   // Release and Remove must not take an open away from another object.
   bool m_bCounted;
+  // Set while the folder's own slot bookkeeping writes its data; any other
+  // write into a folder's data makes its index forget it.
+  bool m_bWritingSlots = false;
   friend class kyStorage;
   friend class kyTestAccess;
 
@@ -394,6 +399,21 @@ class kyStream {
                      tag_kyStreamOffset& offset);
   bool AppendSlot(const char* name, DWORD dwType, t_kyStreamU& header, tag_kyStreamOffset& offset,
                   bool bLocateByStepping);
+  // Writes the new child into the free slot `header` holds, at the cursor.
+  bool WriteFreeSlot(const char* name, DWORD dwType, t_kyStreamU& header,
+                     tag_kyStreamOffset& offset);
+
+  // The folder's index (hierarchy/folder_index.cpp).  The two searches
+  // return -1 when the index cannot answer and the slots must be walked.
+  kyFileIndexes* FileIndexes() const;
+  FolderIndex* FolderIndexInUse();
+  bool FillFolderIndex(FolderIndex& index);
+  void ForgetFolderIndex();
+  bool PlaceCursor(__int64 block, __int64 blockPos, __int64 dataPos);
+  int FindStreamIndexed(const char* name, t_kyStreamU& header, tag_kyStreamOffset& offset);
+  int AddStreamHeaderIndexed(const char* name, DWORD dwType, t_kyStreamU& header,
+                             tag_kyStreamOffset& offset, int bReuseFreeSlot);
+  void NoteChildHeaderWritten(__int64 offset, const t_kyStreamU& header);
 
   // Preloaded-children helpers.
   bool RefreshPreloaded(const char* name, t_kyStreamWithOffset& value);
