@@ -8,7 +8,8 @@
 //
 // Failures are reported by results only: null pointers, false, 0 or -1.
 // Nothing is thrown.  A storage and its streams are used by one thread at a
-// time.
+// time, and so are all the storage objects over one file: they share its
+// in-memory indexes.
 #ifndef KYSTORE_STORAGE_H_
 #define KYSTORE_STORAGE_H_
 
