@@ -35,7 +35,9 @@ const int64_t kFolderRow = 1;
 const int64_t kLookups = 10000;
 
 enum class Layout { kRoot, kChildren };
-enum class Engine { kKystore, kSqlite };
+// kKystoreGathered: kystore with its writes gathered (BeginWriteBatch), as
+// SQLite gathers its rows in one transaction.  Same file, same bytes.
+enum class Engine { kKystore, kKystoreGathered, kSqlite };
 
 const char* StreamBytes() {
   static char data[kStreamBytes];
@@ -76,7 +78,7 @@ const std::vector<int64_t>& LookupOrder(int64_t n) {
 
 std::string FileFor(Layout layout, Engine engine, int64_t n) {
   return PathOf(std::string(layout == Layout::kRoot ? "root-" : "children-") + std::to_string(n) +
-                (engine == Engine::kKystore ? ".kys" : ".db"));
+                (engine != Engine::kSqlite ? ".kys" : ".db"));
 }
 
 // --- building: the timed part of the create workloads ---------------------
@@ -86,9 +88,9 @@ void WriteStream(kyStream* stm) {
   stm->Release();
 }
 
-void BuildKystore(const std::string& path, Layout layout, int64_t n) {
+void BuildKystore(const std::string& path, Layout layout, int64_t n, bool gathered = false) {
   kyStorage* s = kyStorage::Create(path.c_str(), 0x16, kBlockSize);
-  if (s == nullptr) abort();
+  if (s == nullptr || (gathered && !s->BeginWriteBatch())) abort();
   if (layout == Layout::kRoot) {
     for (const std::string& name : Names(n)) WriteStream(s->CreateStream(name.c_str(), 0x16));
   } else {
@@ -99,6 +101,7 @@ void BuildKystore(const std::string& path, Layout layout, int64_t n) {
       WriteStream(folder->CreateStream(name.c_str(), 0, 0x16, 1));
     folder->Release();
   }
+  if (gathered && !s->EndWriteBatch()) abort();
   s->Release();
 }
 
@@ -186,8 +189,8 @@ void Create(benchmark::State& state, Layout layout, Engine engine) {
     RemoveFile(path);
     SqliteTable::RemoveFiles(path);
     state.ResumeTiming();
-    if (engine == Engine::kKystore)
-      BuildKystore(path, layout, n);
+    if (engine != Engine::kSqlite)
+      BuildKystore(path, layout, n, engine == Engine::kKystoreGathered);
     else
       BuildSqlite(path, layout, n);
   }
@@ -201,6 +204,12 @@ void BM_CreateRootKystore(benchmark::State& state) {
 }
 void BM_CreateRootSqlite(benchmark::State& state) {
   Create(state, Layout::kRoot, Engine::kSqlite);
+}
+void BM_CreateRootGatheredKystore(benchmark::State& state) {
+  Create(state, Layout::kRoot, Engine::kKystoreGathered);
+}
+void BM_CreateChildrenGatheredKystore(benchmark::State& state) {
+  Create(state, Layout::kChildren, Engine::kKystoreGathered);
 }
 void BM_CreateChildrenKystore(benchmark::State& state) {
   Create(state, Layout::kChildren, Engine::kKystore);
@@ -365,6 +374,10 @@ const Twin kTwins[] = {
     {"BM_CreateRoot", BM_CreateRootKystore, BM_CreateRootSqlite, Layout::kRoot, true},
     {"BM_CreateChildren", BM_CreateChildrenKystore, BM_CreateChildrenSqlite, Layout::kChildren,
      true},
+    {"BM_CreateRootGathered", BM_CreateRootGatheredKystore, BM_CreateRootSqlite, Layout::kRoot,
+     true},
+    {"BM_CreateChildrenGathered", BM_CreateChildrenGatheredKystore, BM_CreateChildrenSqlite,
+     Layout::kChildren, true},
     {"BM_OpenReadOne", BM_OpenReadOneKystore, BM_OpenReadOneSqlite, Layout::kRoot, false},
     {"BM_LookupRoot", BM_LookupRootKystore, BM_LookupRootSqlite, Layout::kRoot, false},
     {"BM_LookupChild", BM_LookupChildKystore, BM_LookupChildSqlite, Layout::kChildren, false},

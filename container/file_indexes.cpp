@@ -3,6 +3,8 @@
 
 #include "container/file_indexes.h"
 
+#include "platform/win_file.h"
+
 #include <algorithm>
 #include <map>
 #include <mutex>
@@ -71,7 +73,20 @@ kyFileIndexes* kyFileIndexes::Attach(uint64_t device, uint64_t inode) {
     return nullptr;
   }
   ++slot->m_refs;
+  if (slot->m_batchFile != nullptr && EndWriteBatch(slot->m_batchFile)) slot->m_batchFile = nullptr;
   return slot;
+}
+
+bool kyFileIndexes::StartBatch(HANDLE file) {
+  std::lock_guard<std::mutex> hold(RegistryLock());
+  if (m_refs != 1 || (m_batchFile != nullptr && m_batchFile != file)) return false;
+  m_batchFile = file;
+  return true;
+}
+
+void kyFileIndexes::StopBatch(HANDLE file) {
+  std::lock_guard<std::mutex> hold(RegistryLock());
+  if (m_batchFile == file) m_batchFile = nullptr;
 }
 
 void kyFileIndexes::Detach(kyFileIndexes* indexes) {

@@ -122,6 +122,13 @@ class kyFileIndexes {
 
   RootDirectoryIndex root;
 
+  // The handle of the one storage object that gathers its writes in
+  // memory, if any.  A batch starts only while that object is the only one
+  // over the file; an object attached later ends it first (its bytes are
+  // written), so that it reads the file as the batch left it.
+  bool StartBatch(HANDLE file);
+  void StopBatch(HANDLE file);
+
   // The index of the folder whose header lies at `headerOffset`, or null.
   FolderIndex* Folder(__int64 headerOffset);
   // A fresh, empty index for that folder in place of any old one; null
@@ -135,6 +142,7 @@ class kyFileIndexes {
   uint64_t m_inode;
   std::unordered_map<__int64, std::unique_ptr<FolderIndex>> m_folders;
   int m_refs = 0;
+  HANDLE m_batchFile = nullptr;
 };
 
 #endif  // KYSTORE_CONTAINER_FILE_INDEXES_H_

@@ -118,6 +118,8 @@ kyStorage::~kyStorage() {
 }
 
 void kyStorage::Release() {
+  // Closing the handle writes what a batch gathered.
+  if (m_pIndexes != nullptr) m_pIndexes->StopBatch(m_hFile);
   if (m_hFile != INVALID_HANDLE_VALUE) CloseHandle(m_hFile);
   m_hFile = INVALID_HANDLE_VALUE;
   delete this;

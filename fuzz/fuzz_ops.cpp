@@ -132,6 +132,7 @@ struct Store {
   std::set<std::string> mapped;  // the map of a storage opened fast
   Registry reg;                  // open root streams, by name
   int owner = -1;                // handle under whose cursor the shared position stands
+  bool batching = false;         // writes gathered in memory, not all in the file yet
   ModelNode root;                // the root directory's slots
 };
 
@@ -244,6 +245,7 @@ class OpsFuzzer {
   void OpRelease();
   void OpReopen();
   void OpCheck();
+  void OpBatch();
   void OpEntries();
   void OpReplay();
 
@@ -385,6 +387,7 @@ const OpEntry kOps[kOpRows] = {
     {"check", &OpsFuzzer::OpCheck, true},
     {"entries", &OpsFuzzer::OpEntries, kEntriesEnabled},
     {"replay", &OpsFuzzer::OpReplay, kReplayEnabled},
+    {"batch", &OpsFuzzer::OpBatch, true},
 };
 
 // --- storages -----------------------------------------------------------------
@@ -1210,7 +1213,8 @@ void OpsFuzzer::OpWrite() {
   const long long expected = ModelWrite(n, h.pos, bytes, eraseOld, limit_);
   CHECK(r == expected);
   if (!hadBlocks || (expected > 0 && (eraseOld || h.pos + expected > before))) MarkStale(si, n, hi);
-  if (wantOffset && expected > 0) CheckFileByte(si, offset, bytes[0]);
+  // Gathered writes are not in the file yet.
+  if (wantOffset && expected > 0 && !stores_[si].batching) CheckFileByte(si, offset, bytes[0]);
   h.pos += expected;
   h.fresh = false;
   Own(hi);
@@ -2086,6 +2090,7 @@ void OpsFuzzer::OpReopen() {
   const DWORD blockSize = kBlockSizes[in_.Below(4)];
   Trace("reopen store %d how %u blocks of %u", si, how, blockSize);
   ReleaseStore(si);
+  s.batching = false;
   s.reg.clear();
   s.mapped.clear();
   s.fast = false;
@@ -2125,6 +2130,25 @@ void OpsFuzzer::OpReopen() {
   }
   CHECK(s.st != nullptr);
   VerifyTree(si);
+}
+
+// Gathering writes changes no result and, once written, no byte: every
+// other operation runs as before, with small limits so that gathered
+// bytes also reach the file in the middle of a batch.
+void OpsFuzzer::OpBatch() {
+  const int si = PickStore();
+  Store& s = stores_[si];
+  const DWORD limit = 1u << (6 + in_.Below(14));
+  if (in_.Bit()) {
+    Trace("store %d: gather writes, %u bytes at a time", si, limit);
+    const BOOL began = s.st->BeginWriteBatch(limit);
+    CHECK(began == (s.access == Access::kWritable ? TRUE : FALSE));
+    s.batching = s.batching || began;
+  } else {
+    Trace("store %d: write what is gathered", si);
+    CHECK(s.st->EndWriteBatch());
+    s.batching = false;
+  }
 }
 
 void OpsFuzzer::OpCheck() {

@@ -4,11 +4,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "write_batch.h"
 #include "write_journal.h"
 
 namespace {
@@ -19,6 +21,7 @@ struct FileHandle {
   int fd;
   bool writable;
   int64_t position;
+  WriteBatch* batch;  // writes gathered in memory, or null
 };
 
 FileHandle* AsFile(HANDLE h) {
@@ -62,7 +65,7 @@ HANDLE CreateFileA(LPCSTR fileName, DWORD access, DWORD /*shareMode*/, void* /*s
   if (stat(fileName, &st) == 0 && !S_ISREG(st.st_mode)) return INVALID_HANDLE_VALUE;
   int fd = open(fileName, flags | O_CLOEXEC, 0666);
   if (fd < 0) return INVALID_HANDLE_VALUE;
-  FileHandle* h = new FileHandle{fd, (access & GENERIC_WRITE) != 0, 0};
+  FileHandle* h = new FileHandle{fd, (access & GENERIC_WRITE) != 0, 0, nullptr};
   return h;
 }
 
@@ -70,6 +73,13 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD toRead, DWORD* read, OVERLAPPED* 
   FileHandle* h = AsFile(file);
   if (read) *read = 0;
   if (h == nullptr || (buffer == nullptr && toRead != 0)) return FALSE;
+  if (h->batch != nullptr) {
+    const int64_t n = h->batch->Read(h->fd, h->position, buffer, toRead);
+    if (n < 0) return FALSE;
+    h->position += n;
+    if (read) *read = static_cast<DWORD>(n);
+    return TRUE;
+  }
   DWORD done = 0;
   while (done < toRead) {
     ssize_t n = pread(h->fd, static_cast<char*>(buffer) + done, toRead - done, h->position);
@@ -89,6 +99,12 @@ BOOL ReadFileAt(HANDLE file, int64_t offset, void* buffer, DWORD toRead, DWORD* 
   FileHandle* h = AsFile(file);
   if (read) *read = 0;
   if (h == nullptr || offset < 0 || (buffer == nullptr && toRead != 0)) return FALSE;
+  if (h->batch != nullptr) {
+    const int64_t n = h->batch->Read(h->fd, offset, buffer, toRead);
+    if (n < 0) return FALSE;
+    if (read) *read = static_cast<DWORD>(n);
+    return TRUE;
+  }
   DWORD done = 0;
   while (done < toRead) {
     int64_t at;
@@ -113,6 +129,18 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
   WriteJournalHook journal(h ? h->fd : -1, h ? &h->position : nullptr, toWrite);
   if (!journal.Allowed()) return FALSE;
   if (h == nullptr || !h->writable || (buffer == nullptr && toWrite != 0)) return FALSE;
+  if (h->batch != nullptr) {
+    int64_t end;
+    if (__builtin_add_overflow(h->position, static_cast<int64_t>(toWrite), &end)) return FALSE;
+    if (h->batch->WouldOverflow(toWrite) && !h->batch->Flush(h->fd)) return FALSE;
+    if (h->batch->FitsAlone(toWrite)) {
+      if (!h->batch->Write(h->position, buffer, toWrite)) return FALSE;
+      h->position = end;
+      if (written) *written = toWrite;
+      return TRUE;
+    }
+    // Too large to gather: written directly, with the batch empty.
+  }
   DWORD done = 0;
   while (done < toWrite) {
     ssize_t n = pwrite(h->fd, static_cast<const char*>(buffer) + done, toWrite - done, h->position);
@@ -124,6 +152,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD toWrite, DWORD* written,
     done += static_cast<DWORD>(n);
     h->position += n;
   }
+  if (h->batch != nullptr) h->batch->DiskReached(h->position);
   if (written) *written = done;
   return TRUE;
 }
@@ -141,9 +170,9 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
       base = h->position;
       break;
     case FILE_END: {
-      struct stat st;
-      if (fstat(h->fd, &st) != 0) return FALSE;
-      base = st.st_size;
+      LARGE_INTEGER size;
+      if (!GetFileSizeEx(file, &size)) return FALSE;
+      base = size.QuadPart;
       break;
     }
     default:
@@ -159,7 +188,12 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
   FileHandle* h = AsFile(file);
   struct stat st;
-  if (h == nullptr || size == nullptr || fstat(h->fd, &st) != 0) return FALSE;
+  if (h == nullptr || size == nullptr) return FALSE;
+  if (h->batch != nullptr) {
+    size->QuadPart = h->batch->Size();
+    return TRUE;
+  }
+  if (fstat(h->fd, &st) != 0) return FALSE;
   size->QuadPart = st.st_size;
   return TRUE;
 }
@@ -176,9 +210,38 @@ BOOL GetFileIdentity(HANDLE file, FileIdentity* id) {
 BOOL CloseHandle(HANDLE file) {
   FileHandle* h = AsFile(file);
   if (h == nullptr) return FALSE;
+  const BOOL flushed = EndWriteBatch(file);
+  delete h->batch;
   int rc = close(h->fd);
   delete h;
-  return rc == 0 ? TRUE : FALSE;
+  return rc == 0 && flushed ? TRUE : FALSE;
+}
+
+BOOL BeginWriteBatch(HANDLE file, size_t limit) {
+  FileHandle* h = AsFile(file);
+  if (h == nullptr || !h->writable || limit == 0) return FALSE;
+  if (h->batch != nullptr) return TRUE;
+  struct stat st;
+  if (fstat(h->fd, &st) != 0) return FALSE;
+  h->batch = new (std::nothrow) WriteBatch(st.st_size, limit);
+  return h->batch != nullptr ? TRUE : FALSE;
+}
+
+BOOL EndWriteBatch(HANDLE file) {
+  FileHandle* h = AsFile(file);
+  if (h == nullptr) return FALSE;
+  if (h->batch == nullptr) return TRUE;
+  // A batch whose bytes cannot be written stays, so that nothing gathered
+  // is lost and reads still see it.
+  if (!h->batch->Flush(h->fd)) return FALSE;
+  delete h->batch;
+  h->batch = nullptr;
+  return TRUE;
+}
+
+BOOL WriteBatchActive(HANDLE file) {
+  FileHandle* h = AsFile(file);
+  return h != nullptr && h->batch != nullptr ? TRUE : FALSE;
 }
 
 BOOL CopyFileA(LPCSTR existingFile, LPCSTR newFile, BOOL failIfExists) {
@@ -216,6 +279,7 @@ BOOL CopyFileA(LPCSTR existingFile, LPCSTR newFile, BOOL failIfExists) {
 BOOL FlushFileBuffers(HANDLE file) {
   FileHandle* h = AsFile(file);
   if (h == nullptr) return FALSE;
+  if (h->batch != nullptr && !h->batch->Flush(h->fd)) return FALSE;
   return fsync(h->fd) == 0 ? TRUE : FALSE;
 }
 

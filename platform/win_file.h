@@ -7,6 +7,8 @@
 #ifndef KYSTORE_PLATFORM_WIN_FILE_H_
 #define KYSTORE_PLATFORM_WIN_FILE_H_
 
+#include <cstddef>
+
 #include "win_types.h"
 
 #define GENERIC_READ 0x80000000u
@@ -74,6 +76,20 @@ struct FileIdentity {
 // handle or when the system cannot tell.
 BOOL GetFileIdentity(HANDLE file, FileIdentity* id);
 BOOL CloseHandle(HANDLE file);
+
+// Not Win32 calls: gathering writes in memory.  While a handle gathers,
+// its writes are kept in memory (up to `limit` bytes, then flushed in offset
+// order) and its reads, sizes and FILE_END positions see them; the file
+// holds exactly what the same writes would have put there one by one once
+// EndWriteBatch, FlushFileBuffers or CloseHandle has flushed them.  Nothing
+// else may write the file meanwhile, and other handles over it read what
+// is on disk.  Begin on a handle that already gathers keeps its batch.
+// FALSE for a handle not open for writing, a zero limit, or no memory.
+BOOL BeginWriteBatch(HANDLE file, size_t limit);
+// Flushes what is gathered and stops gathering.  FALSE when a write
+// failed: the handle then keeps gathering what could not be written.
+BOOL EndWriteBatch(HANDLE file);
+BOOL WriteBatchActive(HANDLE file);
 
 // Flushes the file's data and metadata to the disk (fsync).  FALSE when the
 // system reports that they could not all be written.

@@ -23,6 +23,8 @@ TWINS = {
 WORKLOADS = [
     ("BM_CreateRoot", "create N root streams", "run", 3.0, 12.0),
     ("BM_CreateChildren", "create N children of one folder", "run", 5.0, 12.0),
+    ("BM_CreateRootGathered", "create N root streams, writes gathered", "run", 3.0, 12.0),
+    ("BM_CreateChildrenGathered", "create N children, writes gathered", "run", 5.0, 12.0),
     ("BM_OpenReadOne", "open a storage of N root streams, read one", "run", 3.0, None),
     ("BM_LookupRoot", "random lookup + read among N root streams", "item", 1.5, None),
     ("BM_LookupChild", "random lookup + read among N children, no preload", "item", 1.5, None),

@@ -251,6 +251,29 @@ class kyStorage {
   // first.
   static kyStorage* Recreate(kyStorage* pStg, const char* name);
 
+  // --- gathering writes (an extension of ours) -----------------------------
+
+  // Keeps this storage's writes in memory, up to `maxBytes` (0: 8 MiB) at
+  // a time, and puts them into the file in offset order when they reach
+  // that, at EndWriteBatch, or at Release.  Reads through this storage see
+  // them at once.  The file then holds exactly what the same calls would
+  // have written one by one; the difference is speed, when many small
+  // streams are created or changed together, as a database transaction
+  // gathers its rows.  It is not a transaction: a crash before the bytes
+  // are written loses them, and a crash while they are written leaves part
+  // of them written.  Another storage object opened over the same file in
+  // this process ends the batch first, so that it reads what this one
+  // wrote.  FALSE (nothing changes) for a storage held in memory or opened
+  // without write access, while other storage objects over the file are
+  // open in this process, or when memory runs out.  TRUE when a batch is
+  // already running.
+  BOOL BeginWriteBatch(DWORD maxBytes = 0);
+  // Writes what is gathered and stops gathering; TRUE when no batch runs.
+  // FALSE when a write failed: what could not be written stays gathered,
+  // and EndWriteBatch may be called again.  Release writes a batch too, but
+  // cannot report a failure: end the batch first to know.
+  BOOL EndWriteBatch();
+
   // --- settings read at the moment of use --------------------------------
 
   static int g_bUse64BitOffsets;     // width of new files: nonzero 64-bit, 0 32-bit
