@@ -55,7 +55,12 @@ run cat "$sample" Settings/Display/Width
 run cat "$sample" Settings/Language
 
 # Rename, copy into a storage with 32-bit offsets, remove.
-run mv "$sample" Projects/2024/Drafts/one.txt first.txt
+run mv "$sample" Projects/2024/Drafts/one.txt Projects/2024/Drafts/first.txt
+run mv "$sample" Projects/2024/Drafts/first.txt Projects
+run ls -l "$sample" Projects
+run stat "$sample" Settings/Display/Width
+run du "$sample"
+run ls --json "$sample" Settings
 run create --32 "$copy"
 run cp "$sample" Settings "$copy" Settings
 run tree "$copy"

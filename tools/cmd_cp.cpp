@@ -1,16 +1,22 @@
 // kystore cp SRC_FILE SRC_PATH DST_FILE DST_PATH: copies a stream, or a
-// whole folder, into a storage (the same one or another).
+// whole folder, into a storage (the same one or another).  DST_PATH is where
+// the copy goes: a folder merges into an existing folder there.  The root
+// ('/') stands for the folder of the root streams: as a source, every root
+// stream is copied into DST_PATH; as the destination, a folder's streams
+// are copied into the root, and a data stream goes there under its name.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "change_recording.h"
 #include "change_session.h"
 #include "commands.h"
 #include "hierarchy/child_slots.h"
 #include "kystore.h"
+#include "name_text.h"
 #include "storage_util.h"
 #include "storage_scan.h"
 #include "stream_path.h"
@@ -170,6 +176,70 @@ bool CheckSource(kyStream* src, const CpOptions& opt, const StreamPath& srcPath,
   return true;
 }
 
+// One copy: the stream at `src` in the source storage to `dst`.
+struct CopyPair {
+  StreamPath src, dst;
+};
+
+StreamPath Below(StreamPath path, const std::string& name) {
+  path.push_back(name);
+  return path;
+}
+
+// Turns the command's two paths into copies of single streams: one, or one
+// per stream of the root or of a folder copied into the root.  False after
+// a message when the source cannot be opened or listed whole.
+bool PlanCopies(kyStorage* src, const CpOptions& opt, const StreamPath& srcPath,
+                const StreamPath& dstPath, std::vector<CopyPair>& pairs) {
+  if (srcPath.empty()) {
+    ForEachRootStream(src, [&](kyStream* stm, int) {
+      if (stm == nullptr) return true;
+      pairs.push_back({{stm->GetName()}, Below(dstPath, stm->GetName())});
+      stm->Release();
+      return true;
+    });
+    return true;
+  }
+  if (!dstPath.empty()) {
+    pairs.push_back({srcPath, dstPath});
+    return true;
+  }
+  StreamChain chain;
+  if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, chain)) return false;
+  kyStream* folder = chain.Leaf();
+  if (!folder->IsFolder()) {
+    pairs.push_back({srcPath, {srcPath.back()}});
+    return true;
+  }
+  __int64 cursor = 0;
+  for (kyStream* child = folder->OpenStreamFirst(&cursor, kModeReadShared); child != nullptr;
+       child = folder->OpenStreamNext(&cursor, kModeReadShared)) {
+    pairs.push_back({Below(srcPath, child->GetName()), {child->GetName()}});
+    child->Release();
+  }
+  if (cursor >= folder->GetLength()) return true;
+  ComplainAbout(opt.srcFile, srcPath, "damaged folder: its slots break off");
+  return false;
+}
+
+// Refuses, before anything is written, a copy onto itself or into itself
+// (it would never end) and a source that is damaged or nests too deep.
+bool CheckPair(kyStorage* src, const CpOptions& opt, const CopyPair& pair, bool sameFile) {
+  if (sameFile && pair.src == pair.dst) {
+    ComplainAbout(opt.srcFile, pair.src, "source and destination are the same");
+    return false;
+  }
+  if (sameFile && IsInside(pair.dst, pair.src)) {
+    ComplainAbout(opt.dstFile, pair.dst, "lies inside " + PrintableName(JoinPath(pair.src)));
+    return false;
+  }
+  // The check moves the source's cursor; the copy gets objects of its own,
+  // which start from the beginning.
+  StreamChain checked;
+  return OpenPath(src, opt.srcFile, pair.src, kModeReadShared, checked) &&
+         CheckSource(checked.Leaf(), opt, pair.src, pair.dst);
+}
+
 int Copy(const CpOptions& opt, const StreamPath& srcPath, const StreamPath& dstPath,
          bool sameFile) {
   OpenedStorage dst(opt.dstFile, true);
@@ -181,36 +251,36 @@ int Copy(const CpOptions& opt, const StreamPath& srcPath, const StreamPath& dstP
     if (!*ownSrc) return kExitFailure;
     src = ownSrc->get();
   }
-  // The check moves the source's cursor; the copy gets objects of its own,
-  // which start from the beginning.
-  {
-    StreamChain checked;
-    if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, checked) ||
-        !CheckSource(checked.Leaf(), opt, srcPath, dstPath))
+  if (sameFile && srcPath.empty() && dstPath.empty()) {
+    Complain(opt.srcFile, "source and destination are the same");
+    return kExitFailure;
+  }
+  std::vector<CopyPair> pairs;
+  if (!PlanCopies(src, opt, srcPath, dstPath, pairs)) return kExitFailure;
+  for (const CopyPair& pair : pairs)
+    if (!CheckPair(src, opt, pair, sameFile)) return kExitFailure;
+  if (srcPath.empty() && !dstPath.empty()) {  // the root's copy is a folder, even when empty
+    StreamChain made;
+    if (!OpenOrCreatePath(dst.get(), opt.dstFile, dstPath, true, made)) return kExitFailure;
+  }
+  for (const CopyPair& pair : pairs) {
+    StreamChain srcChain;
+    if (!OpenPath(src, opt.srcFile, pair.src, kModeReadShared, srcChain) ||
+        CopyInto(srcChain.Leaf(), dst.get(), pair.dst, opt.dstFile) != kExitOk)
       return kExitFailure;
   }
-  StreamChain srcChain;
-  if (!OpenPath(src, opt.srcFile, srcPath, kModeReadShared, srcChain)) return kExitFailure;
-  return CopyInto(srcChain.Leaf(), dst.get(), dstPath, opt.dstFile);
+  return kExitOk;
 }
 
 int RunCp(const CpOptions& opt) {
-  StreamPath srcPath, dstPath;
-  if (!ParsePathArgument(opt.srcPath, kCpSynopsis, srcPath) ||
-      !ParsePathArgument(opt.dstPath, kCpSynopsis, dstPath))
-    return kExitUsage;
+  // An empty path, or "/", is the root.
+  const StreamPath srcPath = SplitPath(opt.srcPath), dstPath = SplitPath(opt.dstPath);
+  std::string problem;
+  if (!CheckPath(srcPath, problem) || !CheckPath(dstPath, problem))
+    return UsageError(kCpSynopsis, problem);
   // Within one file, a single storage object serves both sides, so that
   // the library sees where the destination lies relative to the source.
   bool sameFile = SameFile(opt.srcFile, opt.dstFile);
-  if (sameFile && srcPath == dstPath) {
-    ComplainAbout(opt.srcFile, srcPath, "source and destination are the same");
-    return kExitFailure;
-  }
-  // A copy into itself would never end; refuse before anything is made.
-  if (sameFile && IsInside(dstPath, srcPath)) {
-    ComplainAbout(opt.dstFile, dstPath, "lies inside " + JoinPath(srcPath));
-    return kExitFailure;
-  }
   const std::vector<std::string> reads =
       sameFile ? std::vector<std::string>() : std::vector<std::string>{opt.srcFile};
   return RunChanging(
@@ -224,10 +294,12 @@ Command RegisterCp(CLI::App& app, int& status) {
   CLI::App* sub =
       app.add_subcommand("cp", "Copy a stream or a folder tree, merging into an existing folder");
   sub->add_option("SRC_FILE", opt->srcFile, "The storage to copy from")->required();
-  sub->add_option("SRC_PATH", opt->srcPath, "The stream or folder to copy")->required();
+  sub->add_option("SRC_PATH", opt->srcPath, "The stream or folder to copy ('/': the root)")
+      ->required();
   sub->add_option("DST_FILE", opt->dstFile, "The storage to copy into (may be the same)")
       ->required();
-  sub->add_option("DST_PATH", opt->dstPath, "Where the copy goes (created when missing)")
+  sub->add_option("DST_PATH", opt->dstPath,
+                  "Where the copy goes (created when missing; '/': the root)")
       ->required();
   sub->callback([opt, &status] { status = RunCp(*opt); });
   return {sub, kCpSynopsis};

@@ -137,7 +137,7 @@ int CreateNew(const CreateOptions& opt) {
 
 int RunCreate(const CreateOptions& opt) {
   if (opt.file.size() >= MAX_PATH) {
-    Complain(opt.file, "path too long (at most 259 characters)");
+    Complain(opt.file, "path too long (at most 259 bytes)");
     return kExitFailure;
   }
   // Creating a storage empties whatever file has the name; without --force

@@ -1,23 +1,39 @@
-// kystore generic FILE: lists the generic streams of a storage (root
+// kystore generic [--json] FILE: lists the generic streams of a storage (root
 // streams named by eight hexadecimal digits) as CTolvarFile walks them:
 // name, the name's value as a number and, when it looks like a time stamp,
 // as a UTC time, the size and, for a folder, the number of children.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <iostream>
 #include <memory>
+#include <vector>
 
 #include "change_session.h"
 #include "commands.h"
+#include "json_writer.h"
 #include "kystore.h"
 #include "kystore/tolvar_file.h"
+#include "name_text.h"
 #include "storage_util.h"
 
 namespace kycli {
 
 namespace {
 
-const char kGenericSynopsis[] = "kystore generic FILE";
+const char kGenericSynopsis[] = "kystore generic [--json] FILE";
+
+struct GenericOptions {
+  std::string file;
+  bool json = false;
+};
+
+struct GenericRow {
+  std::string name;
+  unsigned long value;
+  long long size;
+  long long children;  // -1: not a folder
+};
 
 // Names whose value lies between 1980 and 2100 read as Unix times; the
 // generic names below and above are taken as plain numbers.
@@ -35,48 +51,94 @@ std::string TimeText(unsigned long value) {
   return text;
 }
 
-// Children of the current folder, counted by the object's own child walk.
-std::string ChildCount(CTolvarFile& tolvar) {
+// Children of the current folder, counted by the object's own child walk;
+// -1 when it is not a folder.
+long long ChildCount(CTolvarFile& tolvar) {
   kyStream* child = nullptr;
-  if (tolvar.GetNextChildStreamName(child) == nullptr) return "-";
+  if (tolvar.GetNextChildStreamName(child) == nullptr) return -1;
   long long count = 0;
   while (child != nullptr) {
     ++count;
     tolvar.GetNextChildStreamName(child);
   }
-  return std::to_string(count);
+  return count;
 }
 
-int List(const std::string& file) {
+void PrintText(const std::vector<GenericRow>& rows) {
+  printf("%-8s  %10s  %-20s  %12s  %s\n", "name", "value", "time (UTC)", "size", "children");
+  for (const GenericRow& row : rows)
+    printf("%-8s  %10lu  %-20s  %12lld  %s\n", PrintableName(row.name).c_str(), row.value,
+           TimeText(row.value).c_str(), row.size,
+           row.children < 0 ? "-" : std::to_string(row.children).c_str());
+}
+
+void PrintJson(const std::vector<GenericRow>& rows) {
+  JsonWriter json(std::cout);
+  json.BeginObject();
+  json.Key("streams");
+  json.BeginArray();
+  for (const GenericRow& row : rows) {
+    json.BeginObject();
+    json.NameField("name", row.name);
+    json.Key("value");
+    json.Uint(row.value);
+    json.Key("time");
+    const std::string time = TimeText(row.value);
+    if (time == "-")
+      json.Null();
+    else
+      json.String(time);
+    json.Key("size");
+    json.Int(row.size);
+    json.Key("children");
+    if (row.children < 0)
+      json.Null();
+    else
+      json.Int(row.children);
+    json.EndObject();
+  }
+  json.EndArray();
+  json.EndObject();
+  json.EndDocument();
+  std::cout.flush();
+}
+
+int List(const GenericOptions& opt) {
   {
-    OpenedStorage check(file, false);  // says why a file will not open
+    OpenedStorage check(opt.file, false);  // says why a file will not open
     if (!check) return kExitFailure;
   }
   CTolvarFile tolvar;
-  if (!tolvar.Open(file.c_str(), 1)) {
-    Complain(file, "cannot open the storage");
+  if (!tolvar.Open(opt.file.c_str(), 1)) {
+    Complain(opt.file, "cannot open the storage");
     return kExitFailure;
   }
-  printf("%-8s  %10s  %-20s  %12s  %s\n", "name", "value", "time (UTC)", "size", "children");
+  std::vector<GenericRow> rows;
   while (tolvar.OpenNextStream()) {
     // The object hands names out in one buffer, which the child walk reuses.
-    const std::string name = tolvar.GetStreamName();
-    const unsigned long value = strtoul(name.c_str(), nullptr, 16);
-    const std::string children = ChildCount(tolvar);
-    printf("%-8s  %10lu  %-20s  %12lld  %s\n", name.c_str(), value, TimeText(value).c_str(),
-           static_cast<long long>(tolvar.GetStreamSize()), children.c_str());
+    GenericRow row;
+    row.name = tolvar.GetStreamName();
+    row.value = strtoul(row.name.c_str(), nullptr, 16);
+    row.children = ChildCount(tolvar);
+    row.size = static_cast<long long>(tolvar.GetStreamSize());
+    rows.push_back(row);
   }
+  if (opt.json)
+    PrintJson(rows);
+  else
+    PrintText(rows);
   return kExitOk;
 }
 
 }  // namespace
 
 Command RegisterGeneric(CLI::App& app, int& status) {
-  auto file = std::make_shared<std::string>();
+  auto opt = std::make_shared<GenericOptions>();
   CLI::App* sub = app.add_subcommand(
       "generic", "List the generic streams (hexadecimal names): value, time, size, children");
-  sub->add_option("FILE", *file, "The storage file")->required();
-  sub->callback([file, &status] { status = RunReading({*file}, [&] { return List(*file); }); });
+  sub->add_flag("--json", opt->json, "One JSON document on standard output");
+  sub->add_option("FILE", opt->file, "The storage file")->required();
+  sub->callback([opt, &status] { status = RunReading({opt->file}, [&] { return List(*opt); }); });
   return {sub, kGenericSynopsis};
 }
 

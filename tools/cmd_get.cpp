@@ -1,12 +1,14 @@
-// kystore get FILE PATH [--type T]: prints one entry, the data stream
+// kystore get [--json] FILE PATH [--type T]: prints one entry, the data stream
 // named by PATH's last name in the folder the rest names (a root stream
 // when there is no rest).
 #include <cstdio>
+#include <iostream>
 #include <memory>
 
 #include "change_session.h"
 #include "commands.h"
 #include "entry_value.h"
+#include "json_writer.h"
 #include "kystore.h"
 #include "storage_util.h"
 #include "stream_path.h"
@@ -15,13 +17,36 @@ namespace kycli {
 
 namespace {
 
-const char kGetSynopsis[] = "kystore get FILE PATH [--type TYPE]";
+const char kGetSynopsis[] = "kystore get [--json] FILE PATH [--type TYPE]";
 
 struct GetOptions {
   std::string file;
   std::string path;
   std::string type;  // empty: decode by length
+  bool json = false;
 };
+
+// The entry as the text shows it, with its length and all its bytes.
+void PrintJson(const GetOptions& opt, const StreamPath& path, int64_t length,
+               const std::string& raw, const std::string& text) {
+  JsonWriter json(std::cout);
+  json.BeginObject();
+  json.NameField("path", JoinPath(path));
+  json.Key("length");
+  json.Int(length);
+  json.Key("type");
+  if (opt.type.empty())
+    json.Null();
+  else
+    json.String(opt.type);
+  json.Key("value");
+  json.String(text);
+  json.Key("hex");
+  json.String(HexOf(raw));
+  json.EndObject();
+  json.EndDocument();
+  std::cout.flush();
+}
 
 int Print(const GetOptions& opt, const StreamPath& path) {
   OpenedStorage storage(opt.file, false);
@@ -51,7 +76,10 @@ int Print(const GetOptions& opt, const StreamPath& path) {
     ComplainAbout(opt.file, path, problem);
     return kExitFailure;
   }
-  printf("%s\n", text.c_str());
+  if (opt.json)
+    PrintJson(opt, path, entry->GetLength(), raw, text);
+  else
+    printf("%s\n", text.c_str());
   return kExitOk;
 }
 
@@ -66,6 +94,7 @@ int RunGet(const GetOptions& opt) {
 Command RegisterGet(CLI::App& app, int& status) {
   auto opt = std::make_shared<GetOptions>();
   CLI::App* sub = app.add_subcommand("get", "Print an entry, decoded by its type or its length");
+  sub->add_flag("--json", opt->json, "One JSON document on standard output");
   sub->add_option("FILE", opt->file, "The storage file")->required();
   sub->add_option("PATH", opt->path, "The entry: Folder/Key, or Key for a root entry")->required();
   sub->add_option("-t,--type", opt->type, "Read it as this type")

@@ -1,9 +1,12 @@
-// kystore info FILE: describes a storage file's header and root directory.
+// kystore info [--json] FILE: describes a storage file's header and root
+// directory.
 #include <cstdio>
+#include <iostream>
 #include <memory>
 
 #include "change_session.h"
 #include "commands.h"
+#include "json_writer.h"
 #include "kystore.h"
 #include "storage_scan.h"
 
@@ -41,14 +44,48 @@ void PrintScan(const StorageScan& scan, bool opens) {
   printf("opens:            %s\n", opens ? "yes" : "no (the library refuses this file)");
 }
 
-int DescribeStorage(const std::string& file) {
+void PrintJson(const StorageScan& scan, bool opens) {
+  JsonWriter json(std::cout);
+  json.BeginObject();
+  json.Key("header_bytes");
+  json.Int(scan.olderHeader ? 26 : 32);
+  json.Key("format_mark");
+  json.Int(scan.formatMark);
+  json.Key("offset_bits");
+  json.Int(scan.offsets64 ? 64 : 32);
+  json.Key("slots_per_block");
+  json.Uint(scan.slotsPerBlock);
+  json.Key("fast_slots");
+  json.Uint(scan.fastSlots);
+  json.Key("directory_blocks");
+  json.Int(scan.directoryBlocks);
+  json.Key("root_streams");
+  json.Int(scan.RootStreamCount());
+  json.Key("file_size");
+  json.Int(scan.fileSize);
+  json.Key("opens");
+  json.Bool(opens);
+  json.Key("problem");
+  if (scan.chainProblem.empty())
+    json.Null();
+  else
+    json.String(scan.chainProblem);
+  json.EndObject();
+  json.EndDocument();
+  std::cout.flush();
+}
+
+int DescribeStorage(const std::string& file, bool asJson) {
   StorageScan scan;
   std::string error;
   if (!ScanStorage(file, scan, error)) {
     Complain(file, error);
     return kExitFailure;
   }
-  PrintScan(scan, LibraryOpens(file));
+  if (asJson)
+    PrintJson(scan, LibraryOpens(file));
+  else
+    PrintScan(scan, LibraryOpens(file));
   fflush(stdout);
   if (!scan.chainProblem.empty()) {
     Complain(file, scan.chainProblem);
@@ -57,18 +94,24 @@ int DescribeStorage(const std::string& file) {
   return kExitOk;
 }
 
-int RunInfo(const std::string& file) {
-  return RunReading({file}, [&] { return DescribeStorage(file); });
+struct InfoOptions {
+  std::string file;
+  bool json = false;
+};
+
+int RunInfo(const InfoOptions& opt) {
+  return RunReading({opt.file}, [&] { return DescribeStorage(opt.file, opt.json); });
 }
 
 }  // namespace
 
 Command RegisterInfo(CLI::App& app, int& status) {
-  auto file = std::make_shared<std::string>();
+  auto opt = std::make_shared<InfoOptions>();
   CLI::App* sub = app.add_subcommand("info", "Describe a storage file's header and directory");
-  sub->add_option("FILE", *file, "The storage file")->required();
-  sub->callback([file, &status] { status = RunInfo(*file); });
-  return {sub, "kystore info FILE"};
+  sub->add_flag("--json", opt->json, "One JSON document on standard output");
+  sub->add_option("FILE", opt->file, "The storage file")->required();
+  sub->callback([opt, &status] { status = RunInfo(*opt); });
+  return {sub, "kystore info [--json] FILE"};
 }
 
 }  // namespace kycli

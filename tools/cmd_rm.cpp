@@ -1,6 +1,8 @@
-// kystore rm [-r] FILE PATH: removes a stream, or a folder with -r when it
-// is not empty.
+// kystore rm [-r] [-f] FILE PATH...: removes streams, and folders with -r
+// when they are not empty; with -f a missing name is no error.  All of them
+// go or, when one cannot, none does.
 #include <memory>
+#include <vector>
 
 #include "change_recording.h"
 #include "change_session.h"
@@ -13,12 +15,13 @@ namespace kycli {
 
 namespace {
 
-const char kRmSynopsis[] = "kystore rm [-r] FILE PATH";
+const char kRmSynopsis[] = "kystore rm [-r] [-f] FILE PATH...";
 
 struct RmOptions {
   std::string file;
-  std::string path;
+  std::vector<std::string> paths;
   bool recursive = false;
+  bool force = false;
 };
 
 bool HasChildren(kyStream* folder) {
@@ -42,17 +45,17 @@ bool MayRemove(kyStorage* storage, const RmOptions& opt, const StreamPath& path)
   return true;
 }
 
-int Remove(const RmOptions& opt, const StreamPath& path) {
-  OpenedStorage storage(opt.file, true);
-  if (!storage || !MayRemove(storage.get(), opt, path)) return kExitFailure;
+int RemoveOne(kyStorage* storage, const RmOptions& opt, const StreamPath& path) {
+  if (opt.force && ProbePath(storage, path) == PathKind::kMissing) return kExitOk;
+  if (!MayRemove(storage, opt, path)) return kExitFailure;
   // The folders above stay open for the recording; they do not keep the
   // stream from going.
   StreamChain parents;
-  if (!OpenPath(storage.get(), opt.file, StreamPath(path.begin(), path.end() - 1),
-                kModeReadWriteShared, parents))
+  if (!OpenPath(storage, opt.file, StreamPath(path.begin(), path.end() - 1), kModeReadWriteShared,
+                parents))
     return kExitFailure;
   CPathLoader loader;
-  if (!loader.DeleteStreamByPath(storage.get(), CString(JoinPath(path).c_str()))) {
+  if (!loader.DeleteStreamByPath(storage, CString(JoinPath(path).c_str()))) {
     ComplainAbout(opt.file, path, WithWriteError("cannot remove"));
     return kExitFailure;
   }
@@ -64,11 +67,22 @@ int Remove(const RmOptions& opt, const StreamPath& path) {
   return kExitOk;
 }
 
+// One storage object removes every path in turn; the first failure ends
+// the command and the session puts the file back as it was.
+int Remove(const RmOptions& opt, const std::vector<StreamPath>& paths) {
+  OpenedStorage storage(opt.file, true);
+  if (!storage) return kExitFailure;
+  for (const StreamPath& path : paths)
+    if (RemoveOne(storage.get(), opt, path) != kExitOk) return kExitFailure;
+  return kExitOk;
+}
+
 int RunRm(const RmOptions& opt) {
-  StreamPath path;
-  if (!ParsePathArgument(opt.path, kRmSynopsis, path)) return kExitUsage;
+  std::vector<StreamPath> paths(opt.paths.size());
+  for (size_t i = 0; i < paths.size(); ++i)
+    if (!ParsePathArgument(opt.paths[i], kRmSynopsis, paths[i])) return kExitUsage;
   return RunChanging(
-      opt.file, {}, [&] { return Remove(opt, path); }, true);
+      opt.file, {}, [&] { return Remove(opt, paths); }, true);
 }
 
 }  // namespace
@@ -78,7 +92,8 @@ Command RegisterRm(CLI::App& app, int& status) {
   CLI::App* sub = app.add_subcommand("rm", "Remove a stream or a folder");
   sub->add_flag("-r,--recursive", opt->recursive, "Remove a folder with everything in it");
   sub->add_option("FILE", opt->file, "The storage file")->required();
-  sub->add_option("PATH", opt->path, "The stream or folder to remove")->required();
+  sub->add_flag("-f,--force", opt->force, "A missing name is no error");
+  sub->add_option("PATH", opt->paths, "The streams or folders to remove")->required();
   sub->callback([opt, &status] { status = RunRm(*opt); });
   return {sub, kRmSynopsis};
 }

@@ -42,6 +42,8 @@ Command RegisterEntries(CLI::App& app, int& status);
 Command RegisterReplay(CLI::App& app, int& status);
 Command RegisterCompact(CLI::App& app, int& status);
 Command RegisterGeneric(CLI::App& app, int& status);
+Command RegisterDu(CLI::App& app, int& status);
+Command RegisterStat(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

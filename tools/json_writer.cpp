@@ -5,9 +5,6 @@
 
 namespace kycli {
 
-namespace {
-
-// Length of the UTF-8 sequence starting at `i`, or 0 when it is malformed.
 size_t Utf8SequenceAt(const std::string& s, size_t i) {
   unsigned char c = static_cast<unsigned char>(s[i]);
   if (c < 0x80) return 1;
@@ -32,6 +29,8 @@ size_t Utf8SequenceAt(const std::string& s, size_t i) {
   if (cp < kSmallest[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
   return n;
 }
+
+namespace {
 
 void WriteEscaped(std::ostream& out, const std::string& s) {
   out << '"';

@@ -16,6 +16,10 @@
 
 namespace kycli {
 
+// Length of the well-formed UTF-8 sequence starting at `bytes[i]` (i below
+// the size), or 0 when the byte there starts none.
+size_t Utf8SequenceAt(const std::string& bytes, size_t i);
+
 // True when `bytes` is well-formed UTF-8 (no overlong forms, no surrogates).
 bool IsValidUtf8(const std::string& bytes);
 

@@ -1,4 +1,5 @@
 // kystore: look into and change storage files from the shell.
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <vector>
@@ -35,6 +36,31 @@ int ReportParseError(const CLI::App& app, const std::vector<kycli::Command>& com
   return kycli::kExitUsage;
 }
 
+// CLI11 ends a command's arguments at a "--" that comes after its last
+// required argument, so "rm -rf FILE a -- -b" would refuse "-b".  The
+// options of rm take no values: every word before the "--" that begins
+// with '-' is a flag, so the flags can go first and the "--" after them, as
+// coreutils reads the line.  Returns the arguments reversed, as
+// CLI::App::parse takes them.
+std::vector<std::string> WithSeparatorFirst(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  size_t command = 0;
+  while (command < args.size() && args[command][0] == '-')
+    command += args[command] == "--record" ? 2 : 1;
+  const auto separator = std::find(args.begin(), args.end(), "--");
+  if (command < args.size() && args[command] == "rm" && separator != args.end()) {
+    // Flags first (stable), then "--", then the words in their order.
+    std::stable_partition(args.begin() + command + 1, separator,
+                          [](const std::string& a) { return !a.empty() && a[0] == '-'; });
+    const auto firstWord =
+        std::find_if(args.begin() + command + 1, separator,
+                     [](const std::string& a) { return a.empty() || a[0] != '-'; });
+    std::rotate(firstWord, separator, separator + 1);
+  }
+  std::reverse(args.begin(), args.end());
+  return args;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,7 +76,8 @@ int main(int argc, char** argv) {
       kycli::RegisterRecording(app, status), kycli::RegisterGet(app, status),
       kycli::RegisterSet(app, status),       kycli::RegisterEntries(app, status),
       kycli::RegisterReplay(app, status),    kycli::RegisterCompact(app, status),
-      kycli::RegisterGeneric(app, status),
+      kycli::RegisterGeneric(app, status),   kycli::RegisterDu(app, status),
+      kycli::RegisterStat(app, status),
   };
   // Parsed before any command runs: the commands read it when they change
   // a storage.
@@ -59,8 +86,9 @@ int main(int argc, char** argv) {
                  "Append what a changing command (put, set, mkdir, rm, mv, cp) changed, as a "
                  "recording, to this file");
   app.parse_complete_callback([&recordFile] { kycli::SetRecordFile(recordFile); });
+  std::vector<std::string> args = WithSeparatorFirst(argc, argv);
   try {
-    app.parse(argc, argv);
+    app.parse(args);
   } catch (const CLI::ParseError& e) {
     // --help asks for help on stdout and is not an error.
     if (e.get_exit_code() == 0) return app.exit(e, std::cout, std::cerr);

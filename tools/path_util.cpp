@@ -2,6 +2,7 @@
 
 #include "hierarchy/child_slots.h"
 #include "kystore/format.h"
+#include "name_text.h"
 
 namespace kycli {
 
@@ -42,8 +43,8 @@ bool CheckPath(const StreamPath& path, std::string& problem) {
     if (name.find('\0') != std::string::npos)
       problem = "stream names cannot hold NUL bytes";
     else
-      problem = "'" + name + "': stream names have 1 to " + std::to_string(kMaxNameLength) +
-                " characters";
+      problem = "'" + PrintableName(name) + "': stream names have 1 to " +
+                std::to_string(kMaxNameLength) + " bytes";
     return false;
   }
   return true;

@@ -156,4 +156,51 @@ bool ScanStorage(const std::string& path, StorageScan& scan, std::string& error)
   return true;
 }
 
+bool ReadStreamHeader(const std::string& path, const StorageScan& scan, int64_t offset,
+                      t_kyStreamU& header) {
+  FilePtr f(fopen(path.c_str(), "rb"));
+  memset(&header, 0, sizeof(header));
+  return f && offset > 0 &&
+         ReadAt(f.get(), offset, header.raw, static_cast<size_t>(StreamHeaderSize(scan.offsets64)));
+}
+
+ChainScan ScanChain(const std::string& path, const StorageScan& scan, int64_t first) {
+  ChainScan chain;
+  FilePtr f(fopen(path.c_str(), "rb"));
+  if (!f) {
+    chain.problem = strerror(errno);
+    return chain;
+  }
+  const bool b64 = scan.offsets64;
+  const int64_t h = b64 ? sizeof(DataBlock64) : sizeof(DataBlock32);
+  const int64_t size = scan.fileSize;
+  int64_t minimum = 1;  // a link must point at or past this offset
+  for (int64_t block = first; block != 0;) {
+    DataBlock hdr;
+    memset(&hdr, 0, sizeof(hdr));
+    const std::string at =
+        "block " + std::to_string(chain.blocks + 1) + " at " + std::to_string(block);
+    if (block < minimum || block > size - h) {
+      chain.problem = at + " lies outside the file or links backwards";
+      break;
+    }
+    if (!ReadAt(f.get(), block, hdr.raw, static_cast<size_t>(h)) ||
+        hdr.Magic() != kDataBlockMagic) {
+      chain.problem = at + " has no block magic";
+      break;
+    }
+    const int64_t used = hdr.UsedEnd(b64), room = hdr.AllocEnd(b64);
+    if (used < h || used > room || room > size - block) {
+      chain.problem = at + " has its ends out of order or past the file";
+      break;
+    }
+    ++chain.blocks;
+    chain.usedBytes += used - h;
+    chain.roomBytes += room - h;
+    minimum = block + room;
+    block = hdr.NextBlock(b64);
+  }
+  return chain;
+}
+
 }  // namespace kycli

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "kystore/format.h"
+
 namespace kycli {
 
 // One root directory slot whose name is not empty.
@@ -48,6 +50,24 @@ struct StorageScan {
 // cannot be read or is not a storage; a damaged chain still returns true,
 // with what was read and `chainProblem` set.
 bool ScanStorage(const std::string& path, StorageScan& scan, std::string& error);
+
+// One stream's chain of data blocks as the file holds it.
+struct ChainScan {
+  int64_t blocks = 0;     // blocks followed
+  int64_t usedBytes = 0;  // data bytes in use in them
+  int64_t roomBytes = 0;  // data room they hold
+  std::string problem;    // why the walk stopped before the chain's end, or ""
+};
+
+// Reads the stream header slot at `offset` of `path`, in the scan's width.
+bool ReadStreamHeader(const std::string& path, const StorageScan& scan, int64_t offset,
+                      t_kyStreamU& header);
+
+// Follows the chain starting at the block `first` (0: no block) by the
+// rules the library's walker keeps: a block lies whole in the file, carries
+// the magic, has ordered ends, and links only forward past its own room.
+// The walk therefore ends on any file.
+ChainScan ScanChain(const std::string& path, const StorageScan& scan, int64_t first);
 
 }  // namespace kycli
 

@@ -17,7 +17,7 @@ std::string WhyNotOpened(const std::string& file, bool writable) {
   if (stat(file.c_str(), &st) != 0) return strerror(errno);
   if (S_ISDIR(st.st_mode)) return "is a directory";
   if (access(file.c_str(), writable ? R_OK | W_OK : R_OK) != 0) return strerror(errno);
-  if (file.size() >= MAX_PATH) return "path too long (at most 259 characters)";
+  if (file.size() >= MAX_PATH) return "path too long (at most 259 bytes)";
   return "not a storage file, or its directory is damaged";
 }
 

@@ -2,6 +2,7 @@
 
 #include "change_session.h"
 #include "commands.h"
+#include "name_text.h"
 
 namespace kycli {
 
@@ -70,7 +71,7 @@ bool WalkAndReport(kyStorage* storage, const std::string& file, const StreamPath
 bool ParsePathArgument(const std::string& text, const std::string& synopsis, StreamPath& path) {
   path = SplitPath(text);
   std::string problem;
-  if (path.empty()) problem = "'" + text + "': a stream path is required";
+  if (path.empty()) problem = "'" + PrintableName(text) + "': a stream path is required";
   if (problem.empty()) CheckPath(path, problem);
   if (problem.empty()) return true;
   UsageError(synopsis, problem);
@@ -78,7 +79,7 @@ bool ParsePathArgument(const std::string& text, const std::string& synopsis, Str
 }
 
 void ComplainAbout(const std::string& file, const StreamPath& path, const std::string& message) {
-  Complain(file, JoinPath(path) + ": " + message);
+  Complain(file, PrintableName(JoinPath(path)) + ": " + message);
 }
 
 kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& name, DWORD mode) {
@@ -91,6 +92,13 @@ kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& n
   DWORD type = (static_cast<DWORD>(minutes) << 16) | (folder ? 1 : 0);
   if (parent == nullptr) return storage->CreateStream(name.c_str(), type, kModeReadWriteShared);
   return parent->CreateStream(name.c_str(), type, kModeReadWriteShared, 1);
+}
+
+PathKind ProbePath(kyStorage* storage, const StreamPath& path) {
+  StreamChain chain;
+  for (const std::string& name : path)
+    if (!chain.LeafIsFolder() || !chain.OpenBelow(storage, name, false)) return PathKind::kMissing;
+  return chain.LeafIsFolder() ? PathKind::kFolder : PathKind::kData;
 }
 
 bool OpenPath(kyStorage* storage, const std::string& file, const StreamPath& path, DWORD mode,

@@ -27,6 +27,13 @@ kyStream* OpenChild(kyStorage* storage, kyStream* parent, const std::string& nam
 kyStream* CreateChild(kyStorage* storage, kyStream* parent, const std::string& name, bool folder,
                       WORD minutes = 0);
 
+// What a path names: nothing, a data stream, or a folder (the root is a
+// folder).
+enum class PathKind { kMissing, kData, kFolder };
+
+// What `path` names in `storage`, found without a message.
+PathKind ProbePath(kyStorage* storage, const StreamPath& path);
+
 // Opens every stream along `path` with `mode`, outermost first, onto
 // `chain`.  A name that is missing or that follows a data stream is
 // reported against `file` ("Top/Mid: no such stream", "Top: not a
