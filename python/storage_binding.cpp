@@ -72,6 +72,7 @@ CoreRef OpenStorage(py::handle pathObj, const std::string& mode, py::object widt
     throw Fault(FaultKind::kValue, "mode must be 'r', 'r+', 'w', 'x' or 'a', not '" + mode + "'");
   int width = 64;
   if (!widthObj.is_none()) {
+    if (!PyLong_Check(widthObj.ptr())) throw py::type_error("width must be 32 or 64");
     width = widthObj.cast<int>();
     if (width != 32 && width != 64) throw Fault(FaultKind::kValue, "width must be 32 or 64");
     if (mode == "r" || mode == "r+")

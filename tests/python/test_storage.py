@@ -1,11 +1,15 @@
 import io
 import json
+import os
 import shutil
+import subprocess
+import sys
 import threading
 
 import pytest
 
 import kystore
+from conftest import ROOT
 
 PAYLOAD = bytes(range(256)) * 41  # spans several 4096-byte blocks
 
@@ -191,3 +195,19 @@ def test_failures_raise_and_change_nothing(path, tmp_path):
                 call()
     assert open(path, "rb").read() == image
     assert open(notstorage, "rb").read() == b"not a storage" * 10
+
+
+def test_inventory_example_exports_a_folder(path, tmp_path):
+    with kystore.open(path, "w") as s:
+        s["Docs/a"] = b"A"
+        s["Docs/sub/b"] = PAYLOAD
+        s["Docs/.."] = b"would escape"
+        s["Other"] = b"x"
+    example = os.path.join(ROOT, "examples", "python", "inventory.py")
+    env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(kystore.__file__)))
+    done = subprocess.run([sys.executable, example, path, "Docs", str(tmp_path / "out")],
+                          capture_output=True, text=True, check=True, env=env)
+    assert "Docs/sub/b" in done.stdout and "4 streams" in done.stdout
+    assert (tmp_path / "out" / "a").read_bytes() == b"A"
+    assert (tmp_path / "out" / "sub" / "b").read_bytes() == PAYLOAD
+    assert sorted(os.listdir(tmp_path / "out")) == ["a", "sub"]
