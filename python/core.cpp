@@ -105,6 +105,7 @@ void StorageCore::Close() {
 
 kyStorage* StorageCore::Storage() const {
   if (m_storage == nullptr) throw Fault(FaultKind::kValue, "the storage is closed");
+  lastTransfer = nullptr;
   return m_storage;
 }
 
@@ -194,6 +195,7 @@ StreamHandle::~StreamHandle() {
 }
 
 void StreamHandle::Close() {
+  m_core->lastTransfer = nullptr;  // a release may write the header back
   m_chain.ReleaseAll();
   m_core->Unregister(this);
 }

@@ -159,6 +159,10 @@ class StorageCore {
   static bool IsOpenInProcess(const std::string& path);
 
   bool recording = false;
+  // The handle whose transfer moved the file position last, or null once
+  // anything else may have moved it: that handle may go on without seeking
+  // (a seek walks the block chain from the start).  Storage() clears it.
+  mutable const StreamHandle* lastTransfer = nullptr;
 
  private:
   kyStorage* m_storage;
@@ -191,6 +195,7 @@ class StreamHandle {
 
   bool Closed() const { return m_chain.Leaf() == nullptr || !m_core->IsOpen(); }
   const Names& PathNames() const { return m_names; }
+  StorageCore& Core() const { return *m_core; }
   bool readable, writable, append;
   long long position = 0;
 

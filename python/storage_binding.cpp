@@ -14,7 +14,7 @@ namespace kypy {
 
 namespace {
 
-const size_t kPiece = 1 << 20;  // read and zero-fill in pieces of this size
+const size_t kPiece = 1 << 16;  // ReadAll reads in pieces of this size
 
 // Why `path` cannot be opened as asked; nothing when it can be tried.
 void CheckOpenable(const std::string& path, bool writable) {
@@ -89,15 +89,21 @@ CoreRef OpenStorage(py::handle pathObj, const std::string& mode, py::object widt
   if (path.size() >= MAX_PATH)
     throw Fault(FaultKind::kValue, "the storage path is too long (at most 259 bytes)");
   const DWORD block = static_cast<DWORD>(blockSize);
-  kyStorage* storage = CallLibrary([&] {
-    if (mode == "r" || mode == "r+") return OpenExisting(path, mode == "r+", block, inMemory);
-    if (mode == "w") return CreateNew(path, width, block);
-    if (mode == "x") return CreateExclusive(path, width, block);
+  return CallLibrary([&] {
+    kyStorage* storage = nullptr;
     struct stat st;
-    if (stat(path.c_str(), &st) == 0) return OpenExisting(path, true, block, false);
-    return CreateNew(path, width, block);
+    if (mode == "r" || mode == "r+")
+      storage = OpenExisting(path, mode == "r+", block, inMemory);
+    else if (mode == "w")
+      storage = CreateNew(path, width, block);
+    else if (mode == "x")
+      storage = CreateExclusive(path, width, block);
+    else if (stat(path.c_str(), &st) == 0)
+      storage = OpenExisting(path, true, block, false);
+    else
+      storage = CreateNew(path, width, block);
+    return std::make_shared<StorageCore>(storage, path, mode != "r", inMemory);
   });
-  return std::make_shared<StorageCore>(storage, path, mode != "r", inMemory);
 }
 
 // All the data of a data stream, from its start.

@@ -23,6 +23,16 @@ bool SeekTo(kyStream* stm, long long at, long long length) {
   return stm->Seek(at, 0) == 0 || (at == 0 && length == 0);
 }
 
+// Starts a transfer of `h` at `at`: no seek when the handle made the last
+// transfer on the storage and its cursor stands there already, so that a
+// stream read or written in order does not walk its chain again each time.
+bool StartTransfer(StreamHandle& h, kyStream* stm, long long at, long long length) {
+  StorageCore& core = h.Core();
+  const bool inPlace = core.lastTransfer == &h && stm->GetCurDataPos() == at;
+  core.lastTransfer = nullptr;  // until this transfer has ended well
+  return inPlace || SeekTo(stm, at, length);
+}
+
 // Writes `count` zero bytes at the end of `stm`, whose length is `length`:
 // what lies between the old end and a write or truncate beyond it.
 void FillZeros(const StreamHandle& h, kyStream* stm, long long length, long long count) {
@@ -81,12 +91,13 @@ long long ReadInto(StreamHandle& h, py::handle buffer) {
     if (!h.readable) throw Fault(FaultKind::kValue, "the stream is not open for reading");
     const long long length = stm->GetLength();
     if (h.position >= length || view.Size() == 0) return 0;
-    if (stm->Seek(h.position, 0) != 0) Damaged(h, "cannot seek in the stream");
+    if (!StartTransfer(h, stm, h.position, length)) Damaged(h, "cannot seek in the stream");
     const long long want =
         std::min<long long>(static_cast<long long>(view.Size()), length - h.position);
     const long long n = stm->Read(view.Data(), want);
     if (n < 0) Damaged(h, "the stream is damaged");
     h.position += n;
+    h.Core().lastTransfer = &h;
     return n;
   });
 }
@@ -101,12 +112,15 @@ long long Write(StreamHandle& h, py::handle data) {
     const long long at = h.append ? length : h.position;
     CheckLimit(h, at + size);
     if (size == 0) return 0LL;
-    if (at > length)
+    if (at > length) {
+      h.Core().lastTransfer = nullptr;
       FillZeros(h, stm, length, at - length);
-    else if (!SeekTo(stm, at, length))
+    } else if (!StartTransfer(h, stm, at, length)) {
       Damaged(h, "cannot seek in the stream");
+    }
     if (stm->Write(view.Data(), size) != size) Damaged(h, "cannot write the stream");
     h.position = at + size;
+    h.Core().lastTransfer = &h;
     return size;
   });
 }
@@ -117,6 +131,7 @@ long long Truncate(StreamHandle& h, long long size) {
     kyStream* stm = h.Stream();
     if (!h.writable) throw Fault(FaultKind::kValue, "the stream is not open for writing");
     CheckLimit(h, size);
+    h.Core().lastTransfer = nullptr;
     const long long length = stm->GetLength();
     if (size < length && !stm->SetLength(size)) Damaged(h, "cannot cut the stream");
     if (size > length) FillZeros(h, stm, length, size - length);

@@ -211,3 +211,31 @@ def test_inventory_example_exports_a_folder(path, tmp_path):
     assert (tmp_path / "out" / "a").read_bytes() == b"A"
     assert (tmp_path / "out" / "sub" / "b").read_bytes() == PAYLOAD
     assert sorted(os.listdir(tmp_path / "out")) == ["a", "sub"]
+
+
+def test_damaged_stream_raises_storage_error(path, width):
+    with kystore.open(path, "w", width=width) as s:
+        s["d"] = b"MARKER" * 10
+    image = bytearray(open(path, "rb").read())
+    block = image.index(b"MARKER") - (40 if width == 64 else 20)
+    image[block:block + 4] = bytes(4)  # the data block's magic
+    open(path, "wb").write(image)
+    with kystore.open(path) as s:
+        for call in (lambda: s["d"], lambda: s.open_stream("d").read()):
+            with pytest.raises(kystore.StorageError):
+                call()
+
+
+def test_interleaved_streams_keep_their_positions(path, width):
+    with kystore.open(path, "w", width=width, block_size=64) as s:
+        s["a"], s["b"] = PAYLOAD, PAYLOAD[::-1]
+        a, b = s.open_stream("a"), s.open_stream("b")
+        c, d = s.open_stream("c", "wb"), s.open_stream("d", "ab")
+        while True:
+            x, y = a.read(100), b.read(77)
+            if not x and not y:
+                break
+            c.write(x)
+            "b" in s  # another call moves the file position in between
+            d.write(y)
+        assert (s["c"], s["d"]) == (PAYLOAD, PAYLOAD[::-1])
