@@ -232,10 +232,14 @@ def test_interleaved_streams_keep_their_positions(path, width):
         a, b = s.open_stream("a"), s.open_stream("b")
         c, d = s.open_stream("c", "wb"), s.open_stream("d", "ab")
         while True:
-            x, y = a.read(100), b.read(77)
+            x = a.read(60)
+            "b" in s  # other calls move the file position in between
+            x += a.read(40)
+            y = b.read(77)
             if not x and not y:
                 break
-            c.write(x)
-            "b" in s  # another call moves the file position in between
+            c.write(x[:50])
+            "b" in s
+            c.write(x[50:])
             d.write(y)
         assert (s["c"], s["d"]) == (PAYLOAD, PAYLOAD[::-1])
