@@ -45,7 +45,7 @@ test: build
 
 sanitize: check-deps
 	$(CMAKE) -S . -B $(BUILD)-sanitize -DCMAKE_BUILD_TYPE=Debug -DKYSTORE_SANITIZE=ON \
-	  -DKYSTORE_BUILD_TOOLS=ON >/dev/null
+	  -DKYSTORE_BUILD_TOOLS=ON -DKYSTORE_PYTHON=OFF >/dev/null
 	$(CMAKE) --build $(BUILD)-sanitize -j $(JOBS)
 	cd $(BUILD)-sanitize && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)

@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs.  With --if-missing it does
 # nothing when they are all present, so `make test` stays quick.
 set -euo pipefail
-packages=(cmake make g++ clang libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libsqlite3-dev)
+packages=(cmake make g++ clang libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libsqlite3-dev
+  pybind11-dev python3-dev python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
