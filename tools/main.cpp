@@ -5,6 +5,7 @@
 
 #include "change_recording.h"
 #include "commands.h"
+#include "kystore/version.h"
 
 namespace {
 
@@ -40,6 +41,8 @@ int ReportParseError(const CLI::App& app, const std::vector<kycli::Command>& com
 int main(int argc, char** argv) {
   CLI::App app{"Look into and change kystore storage files.", "kystore"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("kystore ") + kyVersion(),
+                       "Print the version and exit");
   int status = kycli::kExitOk;
   std::vector<kycli::Command> commands = {
       kycli::RegisterCreate(app, status),    kycli::RegisterInfo(app, status),
