@@ -4,6 +4,7 @@
 #ifndef KYSTORE_H_
 #define KYSTORE_H_
 
+#include "kystore/export.h"
 #include "kystore/format.h"
 #include "kystore/hash_words.h"
 #include "kystore/map_sort.h"
@@ -15,5 +16,6 @@
 #include "kystore/stream.h"
 #include "kystore/stream_file.h"
 #include "kystore/tolvar_file.h"
+#include "kystore/version.h"
 
 #endif  // KYSTORE_H_

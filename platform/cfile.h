@@ -12,11 +12,12 @@
 
 #include "cobject.h"
 #include "cstring.h"
+#include "kystore/export.h"
 #include "win_types.h"
 
 // Base of the framework's exceptions, which are thrown as pointers to
 // objects on the heap.
-class CException : public CObject {
+class KYSTORE_EXPORT CException : public CObject {
  public:
   DECLARE_DYNAMIC(CException)
   CException() = default;
@@ -24,7 +25,7 @@ class CException : public CObject {
   void Delete() { delete this; }
 };
 
-class CFileException : public CException {
+class KYSTORE_EXPORT CFileException : public CException {
  public:
   DECLARE_DYNAMIC(CFileException)
   enum {
@@ -53,7 +54,7 @@ class CFileException : public CException {
   CString m_strFileName;  // the file the failed operation named
 };
 
-class CFile : public CObject {
+class KYSTORE_EXPORT CFile : public CObject {
  public:
   DECLARE_DYNAMIC(CFile)
   enum SeekPosition { begin = 0x0, current = 0x1, end = 0x2 };

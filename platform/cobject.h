@@ -8,12 +8,13 @@
 #ifndef KYSTORE_PLATFORM_COBJECT_H_
 #define KYSTORE_PLATFORM_COBJECT_H_
 
+#include "kystore/export.h"
 #include "win_types.h"
 
 class CObject;
 
 // One class's identity.  Records are compared by address.
-struct CRuntimeClass {
+struct KYSTORE_EXPORT CRuntimeClass {
   const char* m_lpszClassName;
   int m_nObjectSize;
   UINT m_wSchema;                         // 0xFFFF: the class does not serialize
@@ -55,7 +56,7 @@ struct CRuntimeClass {
 // Root of the framework's class tree.  Serialization and diagnostics do
 // nothing here; the class exists so that derived classes keep their shape
 // and can be identified at run time.
-class CObject {
+class KYSTORE_EXPORT CObject {
  public:
   CObject() = default;
   CObject(const CObject&) = default;

@@ -5,9 +5,10 @@
 
 #include <string>
 
+#include "kystore/export.h"
 #include "win_types.h"
 
-class CString {
+class KYSTORE_EXPORT CString {
  public:
   CString() = default;
   CString(const char* s) : m_s(s ? s : "") {}  // NOLINT: implicit, as in the framework
@@ -58,12 +59,12 @@ class CString {
   std::string m_s;
 };
 
-bool operator==(const CString& a, const CString& b);
-bool operator==(const CString& a, const char* b);
-bool operator==(const char* a, const CString& b);
-bool operator!=(const CString& a, const CString& b);
-bool operator!=(const CString& a, const char* b);
-bool operator<(const CString& a, const CString& b);
-CString operator+(const CString& a, const CString& b);
+KYSTORE_EXPORT bool operator==(const CString& a, const CString& b);
+KYSTORE_EXPORT bool operator==(const CString& a, const char* b);
+KYSTORE_EXPORT bool operator==(const char* a, const CString& b);
+KYSTORE_EXPORT bool operator!=(const CString& a, const CString& b);
+KYSTORE_EXPORT bool operator!=(const CString& a, const char* b);
+KYSTORE_EXPORT bool operator<(const CString& a, const CString& b);
+KYSTORE_EXPORT CString operator+(const CString& a, const CString& b);
 
 #endif  // KYSTORE_PLATFORM_CSTRING_H_

@@ -6,6 +6,7 @@
 
 #include "change_recording.h"
 #include "commands.h"
+#include "kystore/version.h"
 
 namespace {
 
@@ -66,6 +67,8 @@ std::vector<std::string> WithSeparatorFirst(int argc, char** argv) {
 int main(int argc, char** argv) {
   CLI::App app{"Look into and change kystore storage files.", "kystore"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("kystore ") + kyVersion(),
+                       "Print the version and exit");
   int status = kycli::kExitOk;
   std::vector<kycli::Command> commands = {
       kycli::RegisterCreate(app, status),    kycli::RegisterInfo(app, status),

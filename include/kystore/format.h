@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "kystore/export.h"
 #include "platform/win_types.h"
 
 // Magic numbers of the three block and record kinds.
@@ -36,7 +37,7 @@ const BYTE kSizePrefixFlag = 0x02;
 
 // A WORD field of a packed record that lies at an odd offset.  Binding a
 // WORD& to it would be misaligned, so it is read and written by copying.
-class PackedWordRef {
+class KYSTORE_EXPORT PackedWordRef {
  public:
   explicit PackedWordRef(void* at) : m_at(at) {}
   operator WORD() const {

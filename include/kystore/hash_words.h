@@ -5,6 +5,7 @@
 #ifndef KYSTORE_HASH_WORDS_H_
 #define KYSTORE_HASH_WORDS_H_
 
+#include "kystore/export.h"
 #include "platform/win_types.h"
 
 extern "C" {
@@ -12,14 +13,14 @@ extern "C" {
 // The table index of `dwHash` under the table descriptor `pTable`, a block
 // of 32-bit words of which word 4 holds the shift count and word 9 the
 // index mask: (dwHash >> (shift & 31)) & mask.  0 for a null descriptor.
-DWORD FormHashIndexDword(const void* pTable, DWORD dwHash);
+KYSTORE_EXPORT DWORD FormHashIndexDword(const void* pTable, DWORD dwHash);
 
 // The word at `pWord`; 0 for a null pointer.
-DWORD HashLoadHashWord(const void* pWord);
+KYSTORE_EXPORT DWORD HashLoadHashWord(const void* pWord);
 
 // Stores `dwValue` at `pWord` and returns it; a null pointer stores
 // nothing and gives 0.
-DWORD HashStoreHashWord(void* pWord, DWORD dwValue);
+KYSTORE_EXPORT DWORD HashStoreHashWord(void* pWord, DWORD dwValue);
 
 }  // extern "C"
 

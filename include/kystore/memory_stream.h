@@ -19,10 +19,11 @@
 #ifndef KYSTORE_MEMORY_STREAM_H_
 #define KYSTORE_MEMORY_STREAM_H_
 
+#include "kystore/export.h"
 #include "kystore/stream.h"
 #include "platform/win_types.h"
 
-class kyStream2 : public kyStream {
+class KYSTORE_EXPORT kyStream2 : public kyStream {
  public:
   // Wraps `size` bytes at `buffer` (the caller's), position 0.  A null
   // buffer (or a negative size) gives an empty stream that allocates its

@@ -3,10 +3,11 @@
 #ifndef KYSTORE_OPEN_STREAM_H_
 #define KYSTORE_OPEN_STREAM_H_
 
+#include "kystore/export.h"
 #include "platform/collections.h"
 #include "platform/cstring.h"
 
-class t_OpenStream {
+class KYSTORE_EXPORT t_OpenStream {
  public:
   t_OpenStream(const char* name, DWORD mode) : m_strName(name), m_nCount(1), m_dwMode(mode) {}
 

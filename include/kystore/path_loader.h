@@ -11,13 +11,14 @@
 #ifndef KYSTORE_PATH_LOADER_H_
 #define KYSTORE_PATH_LOADER_H_
 
+#include "kystore/export.h"
 #include "platform/collections.h"
 #include "platform/cstring.h"
 
 class kyStorage;
 class kyStream;
 
-class CPathLoader {
+class KYSTORE_EXPORT CPathLoader {
  public:
   CPathLoader() = default;
   // Releases every stream the loader holds.

@@ -8,6 +8,7 @@
 #ifndef KYSTORE_RECORDER_H_
 #define KYSTORE_RECORDER_H_
 
+#include "kystore/export.h"
 #include "platform/win_types.h"
 
 // Lengths the Windows API typed as unsigned long are DWORDs here: exactly 32
@@ -32,7 +33,7 @@ struct RecStmStruct {
   void* pStm;  // the stream object; compared by identity only
 };
 
-class CCompRecorder {
+class KYSTORE_EXPORT CCompRecorder {
  public:
   // A recorder without a buffer.  `nGrowBy` below 4096 is raised to 4096.
   explicit CCompRecorder(unsigned int nGrowBy = 4096);
@@ -117,6 +118,7 @@ class CCompRecorder {
 // read as PopOp reads them.  When `end` is not null it receives the offset
 // where those records end (`size` when every byte belongs to one).  The
 // buffer is only read.  0 for a null buffer.
-unsigned int CountWholeRecords(unsigned char* buf, unsigned int size, unsigned int* end);
+KYSTORE_EXPORT unsigned int CountWholeRecords(unsigned char* buf, unsigned int size,
+                                              unsigned int* end);
 
 #endif  // KYSTORE_RECORDER_H_

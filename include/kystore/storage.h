@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "kystore/export.h"
 #include "kystore/format.h"
 #include "kystore/map_sort.h"
 #include "kystore/open_stream.h"
@@ -35,7 +36,7 @@ typedef void (*RecreateProgress)(int done, int total, void* context);
 
 // State of a sorted walk over the root streams that opens nothing
 // (kyStorage::IterateSortedStreamsNoOPENS).  Owned by the caller.
-class CIterateSortedStreams {
+class KYSTORE_EXPORT CIterateSortedStreams {
  public:
   int bFirst = 1;                            // set before the first call; the first call clears it
   DWORD dwFixedDuration = 0;                 // nonzero: the duration reported for every stream
@@ -48,7 +49,7 @@ class CIterateSortedStreams {
 
 class kyFileIndexes;
 
-class kyStorage {
+class KYSTORE_EXPORT kyStorage {
  public:
   // --- factories ---------------------------------------------------------
 

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 
+#include "kystore/export.h"
 #include "kystore/format.h"
 #include "kystore/map_sort.h"
 #include "kystore/open_stream.h"
@@ -31,7 +32,7 @@ class FolderIndex;
 
 typedef CMapSort<CString, const char*, t_kyStreamWithOffset, t_kyStreamWithOffset> t_kyChildMap;
 
-class kyStream {
+class KYSTORE_EXPORT kyStream {
  public:
   // --- data ----------------------------------------------------------------
 

@@ -14,6 +14,7 @@
 #ifndef KYSTORE_STREAM_FILE_H_
 #define KYSTORE_STREAM_FILE_H_
 
+#include "kystore/export.h"
 #include "platform/cfile.h"
 #include "platform/cstring.h"
 #include "platform/win_types.h"
@@ -28,7 +29,7 @@ class kyStream;
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 #endif
 
-class CKyStreamFile : public CFile {
+class KYSTORE_EXPORT CKyStreamFile : public CFile {
  public:
   DECLARE_DYNAMIC(CKyStreamFile)
 

@@ -19,12 +19,13 @@
 #ifndef KYSTORE_TOLVAR_FILE_H_
 #define KYSTORE_TOLVAR_FILE_H_
 
+#include "kystore/export.h"
 #include "platform/win_types.h"
 
 class kyStorage;
 class kyStream;
 
-class CTolvarFile {
+class KYSTORE_EXPORT CTolvarFile {
  public:
   CTolvarFile();
   // A copy never shares the open file, so that no storage or stream is
