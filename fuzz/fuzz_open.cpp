@@ -4,7 +4,8 @@
 // and every folder is walked to the bottom.  Then the file is opened for
 // writing, and every stream it reaches is appended to, overwritten, erased
 // and written again, every folder gets new children, and some streams are
-// renamed or removed; what the writers leave is read once more.  Nothing
+// renamed or removed; what the writers leave is read once more.  The
+// integrity check runs over the input and over what the writers left.  Nothing
 // may crash, hang or read out of bounds, whatever the bytes.
 
 #include <unistd.h>
@@ -244,6 +245,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fwrite(data, 1, size, f);
   fclose(f);
 
+  // The integrity check reads every damaged image, before and after the
+  // writers, and must end on each.
+  kyCheckReport report;
+  kyCheckStorage(path.c_str(), &report);
   for (int load = 0; load <= 1; ++load) {
     if (kyStorage* st = kyStorage::Open(path.c_str(), 0x12, 4096, load)) {
       ExploreMapped(st);
@@ -266,6 +271,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     st->Release();
   }
   CheckHeaderKept(path, data, size);
+  kyCheckStorage(path.c_str(), &report);
   if (kyStorage* st = kyStorage::Open(path.c_str(), 0x12, 4096, 0)) {
     ExploreMapped(st);
     st->Release();

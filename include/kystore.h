@@ -4,6 +4,7 @@
 #ifndef KYSTORE_H_
 #define KYSTORE_H_
 
+#include "kystore/check.h"
 #include "kystore/export.h"
 #include "kystore/format.h"
 #include "kystore/hash_words.h"

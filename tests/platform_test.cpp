@@ -77,7 +77,9 @@ TEST(PlatformFile, GatheredWritesLeaveWhatDirectWritesLeave) {
       ASSERT_TRUE(ReadFileAt(gathered, at, &got[0], count, &gotN));
       ASSERT_EQ(want.substr(0, wantN), got.substr(0, gotN)) << "read " << i;
     }
-    if (i % 1000 == 999) ASSERT_TRUE(EndWriteBatch(gathered) && BeginWriteBatch(gathered, 3000));
+    if (i % 1000 == 999) {
+      ASSERT_TRUE(EndWriteBatch(gathered) && BeginWriteBatch(gathered, 3000));
+    }
   }
   EXPECT_TRUE(WriteBatchActive(gathered));
   HANDLE reader = Open(dir.File("direct"), GENERIC_READ, OPEN_EXISTING);

@@ -44,6 +44,7 @@ Command RegisterCompact(CLI::App& app, int& status);
 Command RegisterGeneric(CLI::App& app, int& status);
 Command RegisterDu(CLI::App& app, int& status);
 Command RegisterStat(CLI::App& app, int& status);
+Command RegisterCheck(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

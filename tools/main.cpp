@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
       kycli::RegisterSet(app, status),       kycli::RegisterEntries(app, status),
       kycli::RegisterReplay(app, status),    kycli::RegisterCompact(app, status),
       kycli::RegisterGeneric(app, status),   kycli::RegisterDu(app, status),
-      kycli::RegisterStat(app, status),
+      kycli::RegisterStat(app, status),      kycli::RegisterCheck(app, status),
   };
   // Parsed before any command runs: the commands read it when they change
   // a storage.
