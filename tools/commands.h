@@ -42,6 +42,9 @@ Command RegisterEntries(CLI::App& app, int& status);
 Command RegisterReplay(CLI::App& app, int& status);
 Command RegisterCompact(CLI::App& app, int& status);
 Command RegisterGeneric(CLI::App& app, int& status);
+Command RegisterExport(CLI::App& app, int& status);
+Command RegisterImport(CLI::App& app, int& status);
+Command RegisterDump(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
       kycli::RegisterRecording(app, status), kycli::RegisterGet(app, status),
       kycli::RegisterSet(app, status),       kycli::RegisterEntries(app, status),
       kycli::RegisterReplay(app, status),    kycli::RegisterCompact(app, status),
-      kycli::RegisterGeneric(app, status),
+      kycli::RegisterGeneric(app, status),   kycli::RegisterExport(app, status),
+      kycli::RegisterImport(app, status),    kycli::RegisterDump(app, status),
   };
   // Parsed before any command runs: the commands read it when they change
   // a storage.
