@@ -45,6 +45,9 @@ Command RegisterGeneric(CLI::App& app, int& status);
 Command RegisterDu(CLI::App& app, int& status);
 Command RegisterStat(CLI::App& app, int& status);
 Command RegisterCheck(CLI::App& app, int& status);
+Command RegisterExport(CLI::App& app, int& status);
+Command RegisterImport(CLI::App& app, int& status);
+Command RegisterDump(CLI::App& app, int& status);
 
 // Prints "kystore: <message>" on stderr.
 void Complain(const std::string& message);

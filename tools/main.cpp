@@ -81,6 +81,8 @@ int main(int argc, char** argv) {
       kycli::RegisterReplay(app, status),    kycli::RegisterCompact(app, status),
       kycli::RegisterGeneric(app, status),   kycli::RegisterDu(app, status),
       kycli::RegisterStat(app, status),      kycli::RegisterCheck(app, status),
+      kycli::RegisterExport(app, status),    kycli::RegisterImport(app, status),
+      kycli::RegisterDump(app, status),
   };
   // Parsed before any command runs: the commands read it when they change
   // a storage.
