@@ -28,6 +28,7 @@ esac
 "$cmake" --install "$build" --prefix "$work/$this" >"$log" 2>&1 || fail "installing $build failed"
 "$cmake" -S "$src" -B "$work/build-$other" -G "$generator" -DCMAKE_CXX_COMPILER="$cxx" \
   -DBUILD_SHARED_LIBS=$other_flag -DKYSTORE_BUILD_TESTS=OFF -DKYSTORE_BUILD_TOOLS=OFF \
+  -DKYSTORE_PYTHON=OFF \
   -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 >"$log" 2>&1 ||
   fail "configuring the $other library failed"
 "$cmake" --build "$work/build-$other" --target kystore -j 2 >"$log" 2>&1 ||
