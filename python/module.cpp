@@ -67,6 +67,27 @@ void Compact(py::handle pathObj) {
   });
 }
 
+// The faults kyCheckStorage finds in the file `path`, as (offset, message)
+// pairs; an empty list for a clean storage.  A file that cannot be read
+// raises OSError, one that is not a storage StorageError.
+py::list Check(py::handle pathObj) {
+  const std::string path = BytesOf(pathObj);
+  kyCheckReport report;
+  CallLibrary([&] {
+    errno = 0;
+    if (!kyCheckStorage(path.c_str(), &report)) {
+      // The checker's own reason is the system's text; errno still holds
+      // the number behind it unless the read found a short file.
+      throw Fault(FaultKind::kOs, report.error, errno != 0 ? errno : EIO, path);
+    }
+    if (!report.isStorage) throw Fault(FaultKind::kStorage, path + ": " + report.error);
+  });
+  py::list faults;
+  for (const kyCheckFault& f : report.faults)
+    faults.append(py::make_tuple(f.offset, TextOf(f.message)));
+  return faults;
+}
+
 }  // namespace
 
 }  // namespace kypy
@@ -87,6 +108,8 @@ PYBIND11_MODULE(_kystore, m) {
   BindStorage(m, storage);
   BindStreams(m, storage);
   BindEntries(storage);
+  m.def("check", &Check, py::arg("path"),
+        "The faults found in the storage file at `path`, as a list of (offset, message).");
   m.def(
       "compact", &Compact, py::arg("path"),
       "Rebuilds the storage file at `path` compactly; the file is replaced only by a whole copy.");

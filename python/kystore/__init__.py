@@ -11,7 +11,7 @@ import collections
 import io
 import os
 
-from ._kystore import StorageError, _Storage, _Stream, compact
+from ._kystore import StorageError, _Storage, _Stream, check, compact
 
 __all__ = ["open", "compact", "check", "Storage", "StreamIO", "Folder", "Recording",
            "StatResult", "StorageError"]
@@ -32,13 +32,6 @@ def open(path, mode="r", *, width=None, block_size=4096, in_memory=False):
     stream it handed out.
     """
     return Storage(os.fspath(path), mode, width, block_size, in_memory)
-
-
-def check(path):
-    """The faults found in the storage file at `path`, as (offset, message)."""
-    # PLACEHOLDER: to be bound to the library's storage checker
-    # (kyCheckStorage) when it lands.
-    raise NotImplementedError("kystore.check is not available yet")
 
 
 def _entry_type(value):

@@ -219,11 +219,18 @@ def test_damaged_stream_raises_storage_error(path, width):
     image = bytearray(open(path, "rb").read())
     block = image.index(b"MARKER") - (40 if width == 64 else 20)
     image[block:block + 4] = bytes(4)  # the data block's magic
+    assert kystore.check(path) == []
     open(path, "wb").write(image)
     with kystore.open(path) as s:
         for call in (lambda: s["d"], lambda: s.open_stream("d").read()):
             with pytest.raises(kystore.StorageError):
                 call()
+    assert [offset for offset, _ in kystore.check(path)] == [block]
+    open(path, "wb").write(b"not a storage")
+    with pytest.raises(kystore.StorageError):
+        kystore.check(path)
+    with pytest.raises(FileNotFoundError):
+        kystore.check(path + "-missing")
 
 
 def test_interleaved_streams_keep_their_positions(path, width):
