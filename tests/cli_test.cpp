@@ -81,10 +81,7 @@ namespace {
 
 using namespace kytest;
 
-INSTANTIATE_TEST_SUITE_P(Widths, Cli, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& p) {
-                           return std::string(p.param ? "Offsets64" : "Offsets32");
-                         });
+INSTANTIATE_TEST_SUITE_P(Widths, Cli, ::testing::Bool());
 
 std::string Info(const std::string& header, const std::string& mark, int width, int fast,
                  int blocks, int roots, int64_t size) {

@@ -20,10 +20,7 @@ namespace {
 
 using namespace kytest;
 
-INSTANTIATE_TEST_SUITE_P(Widths, Cli, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& p) {
-                           return std::string(p.param ? "Offsets64" : "Offsets32");
-                         });
+INSTANTIATE_TEST_SUITE_P(Widths, Cli, ::testing::Bool());
 
 // Everything below `root`: relative path to contents, "<dir>" for a
 // directory, "<other>" for the rest.
