@@ -17,19 +17,29 @@ int64_t EndOf(const std::pair<const int64_t, std::string>& extent) {
 bool WriteBatch::Write(int64_t offset, const void* data, size_t count) {
   if (count == 0) return true;
   const int64_t end = offset + static_cast<int64_t>(count);
-  // The extents that overlap or touch [offset, end]: [first, last).
+  // The extents the write joins, [first, last): those it overlaps, and the
+  // one it continues (ending at `offset`), so that appends grow one extent.
+  // An extent that merely starts at `end` stays apart: joining it would
+  // copy it, and it is most often the large one appends go to.
   auto first = m_extents.upper_bound(offset);
   if (first != m_extents.begin() && EndOf(*std::prev(first)) >= offset) --first;
   auto last = first;
   size_t before = 0;
-  for (; last != m_extents.end() && last->first <= end; ++last) before += last->second.size();
+  for (; last != m_extents.end() && last->first < end; ++last) before += last->second.size();
 
   try {
     if (first == last) {
       std::string bytes;
-      // The buffer of a flushed extent is reused: the next one is most
-      // likely as large, and a fresh one of that size costs page faults.
-      if (m_spare.capacity() >= count) bytes.swap(m_spare);
+      // An extent that starts at the file's end is where appends will go:
+      // it gets room for the whole batch at once (the buffer of the last
+      // flush when there is one), so that it never moves while it grows.
+      if (offset >= Size()) {
+        if (m_spare.capacity() >= m_limit) {
+          bytes.swap(m_spare);
+        } else {
+          bytes.reserve(m_limit);
+        }
+      }
       bytes.assign(static_cast<const char*>(data), count);
       m_extents.emplace_hint(first, offset, std::move(bytes));
       m_gathered += count;

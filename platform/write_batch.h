@@ -6,9 +6,9 @@
 // reach the file as a few large writes.  The file ends up holding exactly
 // the bytes the same writes would have put there one by one.
 //
-// The batch keeps non-overlapping, non-touching extents keyed by offset;
-// a write merges with every extent it overlaps or touches, its own bytes
-// winning.  Reads see the file as it will be: the bytes on disk, zeros for
+// The batch keeps non-overlapping extents keyed by offset; a write merges
+// with every extent it overlaps and with the one it continues, its own
+// bytes winning.  Reads see the file as it will be: the bytes on disk, zeros for
 // any gap between the end on disk and a gathered extent (as a write past
 // the end leaves), and the gathered bytes over both.
 //
