@@ -3,6 +3,8 @@
 
 #include "container/file_indexes.h"
 
+#include <sys/stat.h>
+
 #include "platform/win_file.h"
 
 #include <algorithm>
@@ -82,6 +84,15 @@ bool kyFileIndexes::StartBatch(HANDLE file) {
   if (m_refs != 1 || (m_batchFile != nullptr && m_batchFile != file)) return false;
   m_batchFile = file;
   return true;
+}
+
+void kyFileIndexes::EndBatchAt(const char* path) {
+  struct stat st;
+  if (stat(path, &st) != 0) return;
+  std::lock_guard<std::mutex> hold(RegistryLock());
+  const auto found = Registry().find(FileKey(st.st_dev, st.st_ino));
+  if (found == Registry().end() || found->second->m_batchFile == nullptr) return;
+  if (EndWriteBatch(found->second->m_batchFile)) found->second->m_batchFile = nullptr;
 }
 
 void kyFileIndexes::StopBatch(HANDLE file) {

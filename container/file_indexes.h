@@ -127,6 +127,9 @@ class kyFileIndexes {
   // over the file; an object attached later ends it first (its bytes are
   // written), so that it reads the file as the batch left it.
   bool StartBatch(HANDLE file);
+  // Writes out the batch of the file at `path`, if any: a file about to be
+  // emptied must not get them afterwards, over what is written anew.
+  static void EndBatchAt(const char* path);
   void StopBatch(HANDLE file);
 
   // The index of the folder whose header lies at `headerOffset`, or null.

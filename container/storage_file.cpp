@@ -148,6 +148,9 @@ kyStorage* kyStorage::Create(const char* path, DWORD mode, DWORD blockSize) {
   if (!PathFits(path)) return nullptr;
   const DWORD access = GENERIC_READ | GENERIC_WRITE;
   const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE;
+  // Another object's gathered writes go in before the file is emptied, as
+  // they would have without gathering, never over the new storage.
+  kyFileIndexes::EndBatchAt(path);
   HANDLE h =
       CreateFileA(path, access, share, nullptr, TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE)

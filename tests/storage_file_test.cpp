@@ -60,6 +60,22 @@ TEST_P(StorageFileTest, NewFileIsByteExactAndKeepsItsWidth) {
   }
 }
 
+// Another object over the file still gathering writes: they go in before
+// Create empties the file, never over the new storage.
+TEST_P(StorageFileTest, CreateOverAGatheringStorageWritesAnew) {
+  kyStorage* other = kyStorage::Create(path.c_str(), kRW, 4096);
+  ASSERT_TRUE(other != nullptr && other->BeginWriteBatch());
+  kyStream* stm = other->CreateStream("pending", kRW);
+  ASSERT_TRUE(stm != nullptr && stm->Write("data", 4) == 4);
+  stm->Release();
+  EXPECT_EQ(0, kyTestAccess::Map(Make(4096)).GetCount());
+  Close();
+  other->Release();
+  Bytes expected = NewImage();
+  AddBlock(expected);
+  EXPECT_EQ(expected, ReadAll(path));
+}
+
 TEST_P(StorageFileTest, NameMapHoldsExactlyTheUsedSlotsOfAChain) {
   Bytes im = NewImage();
   const int64_t b0 = AddBlock(im), b1 = AddBlock(im), b2 = AddBlock(im);
